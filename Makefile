@@ -1,0 +1,37 @@
+# Thin wrapper over the CMake presets. `make test` and `make demo` work on a fresh machine.
+.PHONY: deps demo test bench format format-check dev clean
+
+EXAMPLE := examples/sakura.nsproj
+
+deps:
+	@bash scripts/install-deps.sh
+
+demo: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release --target melvo
+	@mkdir -p out
+	./build/release/bin/melvo info $(EXAMPLE)
+
+test: deps format-check
+	cmake --preset ci >/dev/null
+	cmake --build --preset ci
+	ctest --preset ci
+
+dev: deps
+	cmake --preset dev >/dev/null
+	cmake --build --preset dev
+	ctest --preset dev
+
+bench: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release
+	@for b in build/release/bin/bench_*; do echo "== $$b"; "$$b" --benchmark_counters_tabular=true || exit 1; done
+
+format:
+	@git ls-files -z '*.cpp' '*.h' | xargs -0 -r clang-format -i
+
+format-check:
+	@bash scripts/check-format.sh
+
+clean:
+	rm -rf build out

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Fails when a text passed to tr()/trf() in the sources has no English entry in locale/en.po.
+set -euo pipefail
+root=${1:-$(dirname "$0")/..}
+cd "$root"
+pot=$(mktemp --suffix=.pot)
+trap 'rm -f "$pot"' EXIT
+find src tools -name '*.cpp' -o -name '*.h' 2>/dev/null | sort |
+  xargs xgettext --language=C++ --from-code=UTF-8 --keyword=tr --keyword=trf --keyword=N_ \
+    --no-location --omit-header -o "$pot"
+[ -s "$pot" ] || { echo "no texts found"; exit 0; }
+# msgcmp ignores untranslated entries of en.po, so an empty msgstr counts as missing.
+if ! msgcmp locale/en.po "$pot"; then
+  echo "locale/en.po lacks English for the texts above" >&2
+  exit 1
+fi
+echo "catalogue complete: $(grep -c '^msgid ' "$pot") texts"

@@ -1,0 +1,57 @@
+// UTF-8 text helpers. Strings are UTF-8 std::string everywhere; this module owns the
+// conversions: scalars (code points), user-perceived characters (extended grapheme clusters),
+// the trim sets, normalisation, case mapping and ICU transliteration.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace melvo::text {
+
+// ---- Scalars ----
+inline constexpr char32_t kReplacement = 0xFFFD;
+
+// Decodes the scalar at byte offset `i` and advances `i` past it. A malformed sequence yields
+// U+FFFD and advances one byte, so a loop over damaged text always terminates.
+char32_t nextScalar(std::string_view s, std::size_t& i);
+bool isValidUtf8(std::string_view s);
+std::size_t scalarCount(std::string_view s);
+std::u32string toScalars(std::string_view s);
+std::string fromScalars(std::u32string_view s);
+void appendScalar(std::string& out, char32_t c);
+std::string fromScalar(char32_t c);
+// "U+00XX" style, at least four upper-case hex digits.
+std::string scalarName(char32_t c);
+
+// ---- Characters (extended grapheme clusters) ----
+std::vector<std::string_view> graphemes(std::string_view s);  // views into s
+std::size_t graphemeCount(std::string_view s);
+
+// ---- Trim sets ----
+bool isWhitespace(char32_t c);            // Unicode Zs and tab
+bool isWhitespaceOrNewline(char32_t c);   // the above, Zl, Zp, LF, VT, FF, CR, NEL
+bool isLyricTrimScalar(char32_t c);       // the above, U+200B and U+FEFF
+std::string_view trim(std::string_view s, bool (*drop)(char32_t));
+inline std::string_view trimWhitespace(std::string_view s) { return trim(s, isWhitespace); }
+inline std::string_view trimWhitespaceAndNewlines(std::string_view s) {
+  return trim(s, isWhitespaceOrNewline);
+}
+inline std::string_view trimLyric(std::string_view s) { return trim(s, isLyricTrimScalar); }
+
+// ---- ICU services ----
+std::string nfc(std::string_view s);
+bool isNfc(std::string_view s);
+std::string toLower(std::string_view s);  // full Unicode lower-casing, root locale
+// Runs an ICU transform such as "Halfwidth-Fullwidth", "Katakana-Hiragana" or
+// "Latin-Hiragana". Transliterators are built once per thread and id.
+std::string transliterate(std::string_view s, const char* id);
+
+// ---- Small helpers ----
+bool startsWith(std::string_view s, std::string_view prefix);
+bool endsWith(std::string_view s, std::string_view suffix);
+std::string asciiLower(std::string_view s);
+std::vector<std::string_view> split(std::string_view s, char sep);
+
+}  // namespace melvo::text
