@@ -21,18 +21,19 @@ std::vector<CommandInfo>& registry() {
 // Switches that only a development build understands; a shipped build refuses them before
 // anything else runs, so a script written for a development build fails loudly.
 constexpr const char* kDevelopmentFlags[] = {
-    "--selftest", "--shot",       "--shot-help",  "--parse",     "--parse-all",
-    "--export-musicxml", "--wire", "--pair",      "--video",     "--f0vib",
-    "--stress-ruler", "--dump-json", "--issues-json", "--cleanup", "--fix-each",
-    "--tools-all", "--synthlog-marks", "--notice-demo"};
+    "--selftest",        "--shot",           "--shot-help",   "--parse",   "--parse-all",
+    "--export-musicxml", "--wire",           "--pair",        "--video",   "--f0vib",
+    "--stress-ruler",    "--dump-json",      "--issues-json", "--cleanup", "--fix-each",
+    "--tools-all",       "--synthlog-marks", "--notice-demo"};
 
 int refuseDevelopmentFlags(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     for (const char* flag : kDevelopmentFlags) {
       if (std::strcmp(argv[i], flag) == 0) {
-        std::fprintf(stderr, "%s%s\n%s\n", flag,
-                     tr(" は DEBUG ビルド専用です。この実行ファイルは Release のため実行できません。"),
-                     tr("開発用のスイッチは、ソースから dev プリセットで作ったビルドで使えます。"));
+        std::fprintf(
+            stderr, "%s%s\n%s\n", flag,
+            tr(" は DEBUG ビルド専用です。この実行ファイルは Release のため実行できません。"),
+            tr("開発用のスイッチは、ソースから dev プリセットで作ったビルドで使えます。"));
         return 1;
       }
     }
@@ -47,9 +48,13 @@ bool registerCommand(CommandInfo info) {
   return true;
 }
 
-const std::vector<CommandInfo>& registeredCommands() { return registry(); }
+const std::vector<CommandInfo>& registeredCommands() {
+  return registry();
+}
 
-void printError(const std::string& text) { std::fprintf(stderr, "melvo: %s\n", text.c_str()); }
+void printError(const std::string& text) {
+  std::fprintf(stderr, "melvo: %s\n", text.c_str());
+}
 
 int run(int argc, char** argv) {
   if (int status = refuseDevelopmentFlags(argc, argv)) return status;

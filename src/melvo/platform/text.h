@@ -30,15 +30,19 @@ std::vector<std::string_view> graphemes(std::string_view s);  // views into s
 std::size_t graphemeCount(std::string_view s);
 
 // ---- Trim sets ----
-bool isWhitespace(char32_t c);            // Unicode Zs and tab
-bool isWhitespaceOrNewline(char32_t c);   // the above, Zl, Zp, LF, VT, FF, CR, NEL
-bool isLyricTrimScalar(char32_t c);       // the above, U+200B and U+FEFF
+bool isWhitespace(char32_t c);           // Unicode Zs and tab
+bool isWhitespaceOrNewline(char32_t c);  // the above, Zl, Zp, LF, VT, FF, CR, NEL
+bool isLyricTrimScalar(char32_t c);      // the above, U+200B and U+FEFF
 std::string_view trim(std::string_view s, bool (*drop)(char32_t));
-inline std::string_view trimWhitespace(std::string_view s) { return trim(s, isWhitespace); }
+inline std::string_view trimWhitespace(std::string_view s) {
+  return trim(s, isWhitespace);
+}
 inline std::string_view trimWhitespaceAndNewlines(std::string_view s) {
   return trim(s, isWhitespaceOrNewline);
 }
-inline std::string_view trimLyric(std::string_view s) { return trim(s, isLyricTrimScalar); }
+inline std::string_view trimLyric(std::string_view s) {
+  return trim(s, isLyricTrimScalar);
+}
 
 // ---- ICU services ----
 std::string nfc(std::string_view s);

@@ -1,0 +1,101 @@
+#include "support/test_support.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace melvo::test {
+
+TempDir::TempDir() {
+  std::string tmpl = (std::filesystem::temp_directory_path() / "melvo-test-XXXXXX").string();
+  if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+TempHome::TempHome() {
+  if (const char* p = std::getenv("MELVO_HOME")) {
+    previous_ = p;
+    hadPrevious_ = true;
+  }
+  setenv("MELVO_HOME", dir_.path().c_str(), 1);
+}
+
+TempHome::~TempHome() {
+  if (hadPrevious_) {
+    setenv("MELVO_HOME", previous_.c_str(), 1);
+  } else {
+    unsetenv("MELVO_HOME");
+  }
+}
+
+std::filesystem::path dataPath(const std::string& relative) {
+  return std::filesystem::path(MELVO_TEST_DATA_DIR) / relative;
+}
+
+std::filesystem::path corpusPath(const std::string& relative) {
+  return std::filesystem::path(MELVO_CORPUS_DIR) / relative;
+}
+
+std::string readText(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path.string());
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeText(const std::filesystem::path& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary);
+  out << text;
+  if (!out) throw std::runtime_error("cannot write " + path.string());
+}
+
+RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  TempDir scratch;
+  auto outPath = scratch / "out", errPath = scratch / "err";
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&fa, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&fa, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+
+  std::vector<std::string> argStore{MELVO_BINARY};
+  argStore.insert(argStore.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& a : argStore) argv.push_back(a.data());
+  argv.push_back(nullptr);
+
+  std::vector<std::string> envStore;
+  for (char** e = environ; *e; ++e) envStore.emplace_back(*e);
+  envStore.insert(envStore.end(), env.begin(), env.end());
+  std::vector<char*> envp;
+  for (auto& e : envStore) envp.push_back(e.data());
+  envp.push_back(nullptr);
+
+  pid_t pid;
+  int rc = posix_spawn(&pid, MELVO_BINARY, &fa, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&fa);
+  if (rc != 0) throw std::runtime_error("cannot start melvo");
+  int status = 0;
+  waitpid(pid, &status, 0);
+  RunResult r;
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  r.out = readText(outPath);
+  r.err = readText(errPath);
+  return r;
+}
+
+}  // namespace melvo::test
