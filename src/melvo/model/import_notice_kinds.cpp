@@ -1,0 +1,417 @@
+// The fixed catalogue of import notice kinds, and the key sets that the liveness and the score
+// check consult. Texts are catalogue keys: N_() marks them for the extractor, tr() shows them.
+// A kind whose importer has no words of its own yet carries an empty message, which is not
+// marked, because an empty msgid is the catalogue's header.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <unordered_map>
+
+#include "melvo/model/import_notice.h"
+#include "melvo/platform/i18n.h"
+
+namespace melvo {
+
+namespace {
+
+using Sev = ValidationIssue::Severity;
+using Han = NoticeHandling;
+using Cat = ValidationIssue::Category;
+
+// Null only equals null: a kind without detail differs from one with an empty detail.
+bool sameText(const char* a, const char* b) {
+  if (a == nullptr || b == nullptr) return a == b;
+  return std::strcmp(a, b) == 0;
+}
+
+}  // namespace
+
+bool ImportNoticeKind::operator==(const ImportNoticeKind& o) const {
+  if (!sameText(key, o.key) || severity != o.severity || handling != o.handling ||
+      category != o.category || !sameText(message, o.message) || !sameText(detail, o.detail) ||
+      buttons.size() != o.buttons.size()) {
+    return false;
+  }
+  return std::equal(buttons.begin(), buttons.end(), o.buttons.begin(), sameText);
+}
+
+std::string_view handlingName(NoticeHandling h) {
+  switch (h) {
+    case NoticeHandling::dropped:
+      return "dropped";
+    case NoticeHandling::converted:
+      return "converted";
+    case NoticeHandling::kept:
+      return "kept";
+  }
+  return "";
+}
+
+// Long texts stay on one line each, so that they can be searched for as the catalogue has them.
+// clang-format off
+// --- Other singing software (project readers) -------------------------------------------------
+
+const ImportNoticeKind notice_kinds::tsslnTracksUnreadable{
+    "tsslnTracksUnreadable", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::cevioNotesDropped{
+    "cevioNotesDropped", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::cevioPitchGuessed{
+    "cevioPitchGuessed", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::cevioLyricFromPhoneme{
+    "cevioLyricFromPhoneme", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::cevioTuningCurves{
+    "cevioTuningCurves", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::cevioTempoFixed{
+    "cevioTempoFixed", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+
+// --- MIDI: lyric placement and channel choice ---------------------------------------------------
+
+const ImportNoticeKind notice_kinds::midiTwoMelodiesSplit{
+    "midiTwoMelodiesSplit", Sev::warning, Han::converted, Cat::polyphony,
+    "", nullptr, {N_("1本に戻す")}};
+const ImportNoticeKind notice_kinds::midiArpeggioMoved{
+    "midiArpeggioMoved", Sev::info, Han::converted, Cat::polyphony, "", nullptr, {}};
+// The importer reports a moved note head under both keys, so both carry the same words.
+const ImportNoticeKind notice_kinds::midiLyricMovedNote{
+    "midiLyricMovedNote", Sev::info, Han::converted, Cat::importNotice,
+    N_("MIDI の歌詞のうち %d 個は、その位置に音の始まりがありません。すぐ後ろの音の頭を歌詞の位置へ寄せて歌います。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::midiMelisma{
+    "midiMelisma", Sev::info, Han::converted, Cat::importNotice,
+    N_("歌詞の無い音 %d 個を、前の音を伸ばす「ー」にしました（MIDI のメリスマ）。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::midiLyricNotPlaced{
+    "midiLyricNotPlaced", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiLyricsTrackChosen{
+    "midiLyricsTrackChosen", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiOrphanLyricsDropped{
+    "midiOrphanLyricsDropped", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiOrphanLyricsIgnored{
+    "midiOrphanLyricsIgnored", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiTextNotLyrics{
+    "midiTextNotLyrics", Sev::info, Han::dropped, Cat::importNotice,
+    "", nullptr, {N_("歌詞として読む")}};
+const ImportNoticeKind notice_kinds::midiLyricUnreadable{
+    "midiLyricUnreadable", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiLyricGarbled{
+    "midiLyricGarbled", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiNearOnsetsMerged{
+    "midiNearOnsetsMerged", Sev::info, Han::converted, Cat::chordAtSameTick,
+    N_("歌のチャンネルを決められないため、1つの歌詞の近く（32分音符以内）に少しずれて始まる音 %d 個を、同じ時刻の和音として読みました（同じ歌詞を2度歌わないため）。"),
+    nullptr, {}};
+// A lyric lost inside a chord gets the split that also clears the chord away.
+const ImportNoticeKind notice_kinds::midiLyricOverflowInChord{
+    "midiLyricOverflowInChord", Sev::warning, Han::dropped, Cat::importNotice,
+    "", nullptr, {N_("この音を分けて歌う")}};
+const ImportNoticeKind notice_kinds::midiLyricOverflow{
+    "midiLyricOverflow", Sev::warning, Han::dropped, Cat::importNotice,
+    "", nullptr, {N_("音を分けて歌う")}};
+const ImportNoticeKind notice_kinds::midiLyricAtNoteEnd{
+    "midiLyricAtNoteEnd", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+
+// --- MIDI: file level ---------------------------------------------------------------------------
+
+const ImportNoticeKind notice_kinds::midiMissingNoteOff{
+    "midiMissingNoteOff", Sev::warning, Han::converted, Cat::importNotice,
+    N_("終わり（Note Off）の無い音が %d 個ありました。同じチャンネルの次の音の始まりまで（無ければトラックの終わりまで、それも無ければ1拍）の長さにしました。長さが違う時は、ピアノロールで直してください。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::midiFileDamaged{
+    "midiFileDamaged", Sev::warning, Han::dropped, Cat::importNotice,
+    N_("MIDI ファイルに壊れた所（途中で切れている・長さが合わない・読めない並び）が %d か所あり、そこを飛ばして読めたところを開きました。音が足りない時は、ファイルをダウンロードし直すか、元のソフトで書き出し直してから開いてください。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::midiBrokenDivision{
+    "midiBrokenDivision", Sev::warning, Han::converted, Cat::importNotice,
+    N_("この MIDI は時間の単位（分解能）の値が壊れていたため、4分音符＝480 として読みました。音の長さや速さが元と違う時は、元のソフトで書き出し直してから開いてください。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::midiChannelsUndecided{
+    "midiChannelsUndecided", Sev::warning, Han::kept, Cat::importNotice,
+    N_("MIDI の %d チャンネルを1本のトラックに入れました（歌のチャンネルを決められません）"),
+    nullptr, {}};
+
+// --- Shared by several readers ------------------------------------------------------------------
+
+const ImportNoticeKind notice_kinds::twoLyricsOnOneNote{
+    "twoLyricsOnOneNote", Sev::warning, Han::converted, Cat::multiSyllable, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::elision{
+    "elision", Sev::info, Han::converted, Cat::multiSyllable, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiLyricWithoutOnset{
+    "midiLyricWithoutOnset", Sev::info, Han::converted, Cat::importNotice,
+    N_("MIDI の歌詞のうち %d 個は、その位置に音の始まりがありません。すぐ後ろの音の頭を歌詞の位置へ寄せて歌います。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::midiTinyGapsClosed{
+    "midiTinyGapsClosed", Sev::info, Han::converted, Cat::shortRestBefore, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::midiOrnamentNotes{
+    "midiOrnamentNotes", Sev::warning, Han::converted, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::secondVerse{
+    "secondVerse", Sev::info, Han::dropped, Cat::importNotice,
+    N_("2番の歌詞（%d音）があります。今は1番で歌います。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::cueNotesDropped{
+    "cueNotesDropped", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::fermata{
+    "fermata", Sev::warning, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::fermataOnRest{
+    "fermataOnRest", Sev::warning, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ornaments{
+    "ornaments", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::glissando{
+    "glissando", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::wordsOnlyTempo{
+    "wordsOnlyTempo", Sev::warning, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::wordsOnlyTempoDefault{
+    "wordsOnlyTempoDefault", Sev::warning, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ritAccel{
+    "ritAccel", Sev::warning, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::swing{
+    "swing", Sev::info, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::tempoInsideNote{
+    "tempoInsideNote", Sev::info, Han::converted, Cat::tempoIssue,
+    N_("音の途中でテンポが変わる所が %d か所あります。NEUTRINO は音の頭でしか変えられないため、音を2つに割ってタイでつなぎます。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::microtones{
+    "microtones", Sev::info, Han::converted, Cat::importNotice,
+    N_("四分音が %d つあります。半音に丸めました。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::additiveMeter{
+    "additiveMeter", Sev::info, Han::converted, Cat::timeSigIssue,
+    N_("組み合わせの拍子（3+2/8 など）が %d か所あります。和の拍子として読みました。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::meterClamped{
+    "meterClamped", Sev::warning, Han::converted, Cat::timeSigIssue, "", nullptr, {}};
+// Kept word for word as its catalogue key, the trailing ellipsis included.
+const ImportNoticeKind notice_kinds::meterRebarred{
+    "meterRebarred", Sev::info, Han::converted, Cat::timeSigIssue,
+    N_("拍子と長さが違う小節が %d か所あります。拍子どおりに小節を引き直しました（音の位置は変わりません…"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::dsWithoutSegno{
+    "dsWithoutSegno", Sev::warning, Han::dropped, Cat::importNotice,
+    N_("D.S. の戻り先（セーニョ）が見つからないので、繰り返しを展開していません。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::percussionDropped{
+    "percussionDropped", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::spokenPart{
+    "spokenPart", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::singingStyleWords{
+    "singingStyleWords", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::synthParameters{
+    "synthParameters", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::lyricOnRest{
+    "lyricOnRest", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::gracesWithoutLyric{
+    "gracesWithoutLyric", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::pitchOffsetWhole{
+    "pitchOffsetWhole", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::silentInSource{
+    "silentInSource", Sev::warning, Han::kept, Cat::ghostVelocity, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::phonemeOverride{
+    "phonemeOverride", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::rapNotes{
+    "rapNotes", Sev::info, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::tracksDropped{
+    "tracksDropped", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::falsetto{
+    "falsetto", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::breathConverted{
+    "breathConverted", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::karaokeTextLyrics{
+    "karaokeTextLyrics", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::smpteMIDI{
+    "smpteMIDI", Sev::info, Han::converted, Cat::tempoIssue,
+    N_("この MIDI は時間を秒（SMPTE）で持っています。拍に直して読みました。"),
+    N_("テンポは ♩=120 の1つにし、音の始まる秒は元のままにしました。…"),
+    {}};
+
+// --- MusicXML -----------------------------------------------------------------------------------
+
+const ImportNoticeKind notice_kinds::mxSyllablesSplit{
+    "mxSyllablesSplit", Sev::info, Han::converted, Cat::multiSyllable, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxGraceNotPlaced{
+    "mxGraceNotPlaced", Sev::warning, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxMetricModulation{
+    "mxMetricModulation", Sev::info, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxSpecialNoteheads{
+    "mxSpecialNoteheads", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxPronunciationMarks{
+    "mxPronunciationMarks", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxCodaNotFound{
+    "mxCodaNotFound", Sev::warning, Han::dropped, Cat::importNotice,
+    N_("To Coda の飛び先（Coda）が見つからないので、跳ばずにそのまま歌います。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::mxTieAcrossGap{
+    "mxTieAcrossGap", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxSlurMelisma{
+    "mxSlurMelisma", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxUnreadablePitch{
+    "mxUnreadablePitch", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxTempoOutOfRange{
+    "mxTempoOutOfRange", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::mxUnsungLyricLine{
+    "mxUnsungLyricLine", Sev::info, Han::kept, Cat::importNotice,
+    N_("このトラックにも歌詞のある線があります（%d音）。合成は選んでいるトラック1本だけを歌うため、このトラックは選んだ時だけ歌います。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::mxVoiceWithoutLyrics{
+    "mxVoiceWithoutLyrics", Sev::info, Han::converted, Cat::importNotice,
+    N_("歌が休む所に、歌詞の無い別の声部（ピアノの段など）の音が %d 個ありました。歌わない別のトラックに分けました。"),
+    nullptr, {}};
+const ImportNoticeKind notice_kinds::mxHummingLaughing{
+    "mxHummingLaughing", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+
+// --- Piapro, common project checks, Synthesizer V -----------------------------------------------
+
+const ImportNoticeKind notice_kinds::ppsfMutedNotes{
+    "ppsfMutedNotes", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ppsfTrackFlags{
+    "ppsfTrackFlags", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ppsfTempoCurve{
+    "ppsfTempoCurve", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::sourceTempoClamped{
+    "sourceTempoClamped", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::sourceTempoDuplicate{
+    "sourceTempoDuplicate", Sev::info, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::sourceMeterDuplicate{
+    "sourceMeterDuplicate", Sev::info, Han::dropped, Cat::timeSigIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::sourceMeterBeforeStart{
+    "sourceMeterBeforeStart", Sev::info, Han::converted, Cat::timeSigIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::sourcePitchClamped{
+    "sourcePitchClamped", Sev::warning, Han::converted, Cat::outOfRange, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::svpForeignVoiceGroup{
+    "svpForeignVoiceGroup", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::svpBreathNote{
+    "svpBreathNote", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::svpBreathSilenceRest{
+    "svpBreathSilenceRest", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::svpNotesBeforeZero{
+    "svpNotesBeforeZero", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::svpNotesOnlyBeforeZero{
+    "svpNotesOnlyBeforeZero", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+
+// --- UTAU and OpenUtau --------------------------------------------------------------------------
+
+const ImportNoticeKind notice_kinds::utauSuffixRemoved{
+    "utauSuffixRemoved", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::openUtauHyphen{
+    "openUtauHyphen", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::glottalOnlyLyric{
+    "glottalOnlyLyric", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::phoneticHintRemoved{
+    "phoneticHintRemoved", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::phoneticHintWithoutKana{
+    "phoneticHintWithoutKana", Sev::warning, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::cvvcVowelLink{
+    "cvvcVowelLink", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::foreignLanguageNotes{
+    "foreignLanguageNotes", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::foreignVoiceTrack{
+    "foreignVoiceTrack", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauTempoReplaced{
+    "utauTempoReplaced", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauNoteDropped{
+    "utauNoteDropped", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauPitchReplaced{
+    "utauPitchReplaced", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauVCLinkedShort{
+    "utauVCLinkedShort", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauBreathNote{
+    "utauBreathNote", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauLengthTooLong{
+    "utauLengthTooLong", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauBeyondExportLimit{
+    "utauBeyondExportLimit", Sev::warning, Han::kept, Cat::beyondExportLimit, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauBeyondTickLimit{
+    "utauBeyondTickLimit", Sev::warning, Han::dropped, Cat::beyondExportLimit, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauEncodingGuessed{
+    "utauEncodingGuessed", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::utauBrokenChars{
+    "utauBrokenChars", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ustxUnreadLines{
+    "ustxUnreadLines", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ustxUnclosedQuote{
+    "ustxUnclosedQuote", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ustxResolutionInvalid{
+    "ustxResolutionInvalid", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ustxReadAsShiftJIS{
+    "ustxReadAsShiftJIS", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ustxTrackNoGuessed{
+    "ustxTrackNoGuessed", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::ustxTrackNoInvalid{
+    "ustxTrackNoInvalid", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+const ImportNoticeKind notice_kinds::phonemeOverrideNoKana{
+    "phonemeOverrideNoKana", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+
+// clang-format on
+
+// --- Lookup -------------------------------------------------------------------------------------
+
+const std::vector<const ImportNoticeKind*>& allNoticeKinds() {
+#define MELVO_NOTICE_KIND_ADDRESS(k) &notice_kinds::k,
+  static const std::vector<const ImportNoticeKind*> kinds{
+      MELVO_NOTICE_KINDS(MELVO_NOTICE_KIND_ADDRESS)};
+#undef MELVO_NOTICE_KIND_ADDRESS
+  return kinds;
+}
+
+const ImportNoticeKind* findNoticeKind(std::string_view key) {
+  // Keyed by the macro's own spelling rather than each instance's `key`, so the table is sound
+  // even when asked during another file's static initialisation, before the instances are.
+#define MELVO_NOTICE_KIND_ENTRY(k) {#k, &notice_kinds::k},
+  static const std::unordered_map<std::string_view, const ImportNoticeKind*> byKey{
+      MELVO_NOTICE_KINDS(MELVO_NOTICE_KIND_ENTRY)};
+#undef MELVO_NOTICE_KIND_ENTRY
+  const auto it = byKey.find(key);
+  return it == byKey.end() ? nullptr : it->second;
+}
+
+namespace {
+
+// A place of these kinds is about the lyric itself, so a lyric edit is the user's answer.
+constexpr std::array<std::string_view, 17> kLyricSensitive{
+    "twoLyricsOnOneNote",
+    "elision",
+    "midiLyricWithoutOnset",
+    "midiLyricMovedNote",
+    "midiOrnamentNotes",
+    "midiMelisma",
+    "openUtauHyphen",
+    "glottalOnlyLyric",
+    "phoneticHintWithoutKana",
+    "phonemeOverride",
+    "mxSlurMelisma",
+    "mxTieAcrossGap",
+    "midiLyricOverflow",
+    "midiLyricGarbled",
+    "phonemeOverrideNoKana",
+    "cevioLyricFromPhoneme",
+    "midiLyricOverflowInChord",
+};
+
+// These tell of the performance (held notes, voice colour, pitch), which no lyric edit answers.
+constexpr std::array<std::string_view, 14> kAlwaysKept{
+    "fermata",          "silentInSource",  "ornaments",         "glissando",          "falsetto",
+    "rapNotes",         "spokenPart",      "singingStyleWords", "synthParameters",    "microtones",
+    "pitchOffsetWhole", "breathConverted", "secondVerse",       "gracesWithoutLyric",
+};
+
+// The score check finds these itself on the very same notes; two rows would say it twice.
+constexpr std::array<std::string_view, 2> kSuppressedByValidator{"twoLyricsOnOneNote", "elision"};
+
+template <std::size_t N>
+bool contains(const std::array<std::string_view, N>& set, std::string_view key) {
+  return std::find(set.begin(), set.end(), key) != set.end();
+}
+
+}  // namespace
+
+bool isLyricSensitiveNotice(std::string_view key) {
+  return contains(kLyricSensitive, key);
+}
+
+bool isAlwaysKeptNotice(std::string_view key) {
+  return contains(kAlwaysKept, key);
+}
+
+bool isSuppressedByValidatorFinding(std::string_view key) {
+  return contains(kSuppressedByValidator, key);
+}
+
+}  // namespace melvo

@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "melvo/model/import_notice.h"
+
+namespace melvo {
+namespace {
+
+using Sev = ValidationIssue::Severity;
+using Cat = ValidationIssue::Category;
+
+struct NamedKind {
+  const char* name;
+  const ImportNoticeKind* kind;
+};
+
+const std::vector<NamedKind>& macroKinds() {
+#define MELVO_TEST_NAMED_KIND(k) {#k, &notice_kinds::k},
+  static const std::vector<NamedKind> kinds{MELVO_NOTICE_KINDS(MELVO_TEST_NAMED_KIND)};
+#undef MELVO_TEST_NAMED_KIND
+  return kinds;
+}
+
+TEST(NoticeKindCatalogue, EveryMacroNameResolvesToItsOwnInstance) {
+  for (const auto& [name, kind] : macroKinds()) {
+    SCOPED_TRACE(name);
+    ASSERT_NE(kind->key, nullptr);
+    EXPECT_STREQ(kind->key, name);
+    EXPECT_EQ(findNoticeKind(name), kind);
+    ASSERT_NE(kind->message, nullptr);
+  }
+}
+
+TEST(NoticeKindCatalogue, AllKindsFollowTheMacroOrder) {
+  const auto& all = allNoticeKinds();
+  ASSERT_EQ(all.size(), macroKinds().size());
+  for (std::size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], macroKinds()[i].kind) << i;
+}
+
+TEST(NoticeKindCatalogue, KeysAreUnique) {
+  std::set<std::string> keys;
+  std::set<const ImportNoticeKind*> instances;
+  for (const ImportNoticeKind* kind : allNoticeKinds()) {
+    EXPECT_TRUE(keys.insert(kind->key).second) << kind->key;
+    EXPECT_TRUE(instances.insert(kind).second) << kind->key;
+  }
+}
+
+TEST(NoticeKindCatalogue, UnknownKeysFindNothing) {
+  EXPECT_EQ(findNoticeKind(""), nullptr);
+  EXPECT_EQ(findNoticeKind("Fermata"), nullptr);
+  EXPECT_EQ(findNoticeKind("fermata "), nullptr);
+  EXPECT_EQ(findNoticeKind("mxOtherVerse_2"), nullptr);
+}
+
+TEST(NoticeKindCatalogue, SharedKindsCarryTheirRatings) {
+  const std::vector<std::tuple<const char*, Sev, NoticeHandling, Cat>> rows{
+      {"midiChannelsUndecided", Sev::warning, NoticeHandling::kept, Cat::importNotice},
+      {"elision", Sev::info, NoticeHandling::converted, Cat::multiSyllable},
+      {"midiTinyGapsClosed", Sev::info, NoticeHandling::converted, Cat::shortRestBefore},
+      {"midiOrnamentNotes", Sev::warning, NoticeHandling::converted, Cat::decoration},
+      {"fermataOnRest", Sev::warning, NoticeHandling::dropped, Cat::decoration},
+      {"cueNotesDropped", Sev::info, NoticeHandling::dropped, Cat::importNotice},
+      {"swing", Sev::info, NoticeHandling::dropped, Cat::tempoIssue},
+      {"tempoInsideNote", Sev::info, NoticeHandling::converted, Cat::tempoIssue},
+      {"meterClamped", Sev::warning, NoticeHandling::converted, Cat::timeSigIssue},
+      {"silentInSource", Sev::warning, NoticeHandling::kept, Cat::ghostVelocity},
+      {"rapNotes", Sev::info, NoticeHandling::kept, Cat::importNotice},
+      {"karaokeTextLyrics", Sev::info, NoticeHandling::converted, Cat::importNotice},
+  };
+  for (const auto& [key, severity, handling, category] : rows) {
+    SCOPED_TRACE(key);
+    const ImportNoticeKind* kind = findNoticeKind(key);
+    ASSERT_NE(kind, nullptr);
+    EXPECT_EQ(kind->severity, severity);
+    EXPECT_EQ(kind->handling, handling);
+    EXPECT_EQ(kind->category, category);
+  }
+}
+
+// The liveness rules lean on these sets; a misspelt member would silently match nothing.
+TEST(NoticeKindCatalogue, KeySetsHaveTheirSizesOverRealKinds) {
+  int lyricSensitive = 0, alwaysKept = 0, suppressed = 0;
+  for (const ImportNoticeKind* kind : allNoticeKinds()) {
+    lyricSensitive += isLyricSensitiveNotice(kind->key);
+    alwaysKept += isAlwaysKeptNotice(kind->key);
+    suppressed += isSuppressedByValidatorFinding(kind->key);
+  }
+  EXPECT_EQ(lyricSensitive, 17);
+  EXPECT_EQ(alwaysKept, 14);
+  EXPECT_EQ(suppressed, 2);
+  EXPECT_TRUE(isSuppressedByValidatorFinding("twoLyricsOnOneNote"));
+  EXPECT_TRUE(isSuppressedByValidatorFinding("elision"));
+  EXPECT_FALSE(isLyricSensitiveNotice("fermata"));
+  EXPECT_FALSE(isAlwaysKeptNotice("midiMelisma"));
+}
+
+TEST(NoticeKindCatalogue, CountedMessagesHoldOnePlaceholder) {
+  for (const char* key : {"tempoInsideNote", "secondVerse", "midiMissingNoteOff",
+                          "midiChannelsUndecided", "mxUnsungLyricLine"}) {
+    const std::string_view message = findNoticeKind(key)->message;
+    EXPECT_NE(message.find("%d"), std::string_view::npos) << key;
+    EXPECT_EQ(message.find("%d"), message.rfind("%d")) << key;
+  }
+}
+
+TEST(NoticeKindCatalogue, HandlingNames) {
+  EXPECT_EQ(handlingName(NoticeHandling::dropped), "dropped");
+  EXPECT_EQ(handlingName(NoticeHandling::converted), "converted");
+  EXPECT_EQ(handlingName(NoticeHandling::kept), "kept");
+}
+
+// Equality is by content: a copy built from other buffers with the same text is the same kind.
+TEST(NoticeKindEquality, ComparesTextsByContent) {
+  const ImportNoticeKind& original = notice_kinds::midiLyricOverflow;
+  const std::string key = original.key, message = original.message, button = original.buttons.at(0);
+  ImportNoticeKind copy{key.c_str(),     original.severity, original.handling, original.category,
+                        message.c_str(), original.detail,   {button.c_str()}};
+  ASSERT_NE(copy.key, original.key);
+  EXPECT_TRUE(copy == original);
+
+  ImportNoticeKind otherButton = copy;
+  otherButton.buttons = {"x"};
+  EXPECT_FALSE(otherButton == original);
+
+  ImportNoticeKind extraButton = copy;
+  extraButton.buttons.push_back(button.c_str());
+  EXPECT_FALSE(extraButton == original);
+
+  ImportNoticeKind withDetail = copy;
+  withDetail.detail = "";
+  EXPECT_FALSE(withDetail == original);
+
+  ImportNoticeKind otherHandling = copy;
+  otherHandling.handling = NoticeHandling::kept;
+  EXPECT_FALSE(otherHandling == original);
+}
+
+TEST(NoticeKindEquality, DistinctKindsDiffer) {
+  // Same ratings and words, only the key differs.
+  EXPECT_FALSE(notice_kinds::midiLyricWithoutOnset == notice_kinds::midiLyricMovedNote);
+  EXPECT_FALSE(notice_kinds::ornaments == notice_kinds::glissando);
+  EXPECT_TRUE(notice_kinds::smpteMIDI == notice_kinds::smpteMIDI);
+}
+
+}  // namespace
+}  // namespace melvo
