@@ -74,8 +74,14 @@ struct ValidationIssue {
 
   struct Suggestion {
     // The repairs a row can offer, in their fixed order. Applying one is a single commit.
-    struct SetLyric { std::string lyric; bool operator==(const SetLyric&) const = default; };
-    struct SetVelocity { int velocity = 0; bool operator==(const SetVelocity&) const = default; };
+    struct SetLyric {
+      std::string lyric;
+      bool operator==(const SetLyric&) const = default;
+    };
+    struct SetVelocity {
+      int velocity = 0;
+      bool operator==(const SetVelocity&) const = default;
+    };
     struct SetLyrics {
       std::vector<NoteLyricEdit> edits;
       bool operator==(const SetLyrics&) const = default;
@@ -122,18 +128,27 @@ struct ValidationIssue {
       bool on = false;
       bool operator==(const SetBreath&) const = default;
     };
-    struct SelectTrack { Uuid id; bool operator==(const SelectTrack&) const = default; };
+    struct SelectTrack {
+      Uuid id;
+      bool operator==(const SelectTrack&) const = default;
+    };
     struct Action;
     struct Sequence {
       std::vector<Action> actions;
       bool operator==(const Sequence&) const;
     };
-    struct PrependSokuon { bool operator==(const PrependSokuon&) const = default; };
+    struct PrependSokuon {
+      bool operator==(const PrependSokuon&) const = default;
+    };
     struct BreathOnPreviousNote {
       bool operator==(const BreathOnPreviousNote&) const = default;
     };
-    struct RemoveNote { bool operator==(const RemoveNote&) const = default; };
-    struct KeepAsIs { bool operator==(const KeepAsIs&) const = default; };
+    struct RemoveNote {
+      bool operator==(const RemoveNote&) const = default;
+    };
+    struct KeepAsIs {
+      bool operator==(const KeepAsIs&) const = default;
+    };
 
     struct Action {
       using Variant = std::variant<SetLyric, SetVelocity, SetLyrics, RemoveNotes, SetTiming,

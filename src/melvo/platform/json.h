@@ -99,6 +99,7 @@ class JsonWriter {
   void value(double d);
   void value(std::string_view s);
   void value(const char* s) { value(std::string_view(s)); }
+  void value(const std::string& s) { value(std::string_view(s)); }
   void value(const Json& j);
 
  private:

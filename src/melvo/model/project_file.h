@@ -1,0 +1,43 @@
+// The .nsproj project file: the JSON encoding of a MusicDocument and nothing else.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "melvo/model/music_document.h"
+
+namespace melvo {
+
+// Decoding failed: not JSON, a wrong type, or a required key missing. what() is already in
+// the user's language and names the place in the file where it can.
+class ProjectDecodeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Sorted keys, the pretty layout, `sourcePhonemes` only when present. Notices and the
+// new-project mark are never written.
+std::string encodeProject(const MusicDocument& document);
+// Tolerant about what may be absent, strict about what may not (see the model's rules).
+MusicDocument decodeProject(std::string_view bytes);
+// Encodes and writes in one atomic step. Throws FileError.
+void writeProject(const MusicDocument& document, const std::filesystem::path& path);
+// Reads and decodes. Throws FileError or ProjectDecodeError.
+MusicDocument readProject(const std::filesystem::path& path);
+
+bool hasProjectExtension(const std::filesystem::path& path);  // ".nsproj", any case
+
+struct RecentProjectSummary {
+  std::optional<int> trackCount;
+  std::string voice;
+  std::optional<std::string> colorHex;
+  std::optional<std::chrono::system_clock::time_point> modified;
+};
+// Never fails: a damaged project keeps what could be read.
+RecentProjectSummary readRecentSummary(const std::filesystem::path& path);
+
+}  // namespace melvo
