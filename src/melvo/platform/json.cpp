@@ -193,6 +193,9 @@ void appendJsonNumber(std::string& out, double d) {
   std::to_chars_result r;
   if (std::floor(d) == d && std::fabs(d) < 9007199254740992.0) {
     r = std::to_chars(buf, buf + sizeof buf, static_cast<long long>(d));
+  } else if (std::fabs(d) >= 1e16) {
+    // Written as digits, such a number would read back as an integer too large for readers.
+    r = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::scientific);
   } else {
     r = std::to_chars(buf, buf + sizeof buf, d);
   }

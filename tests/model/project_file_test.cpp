@@ -1,0 +1,145 @@
+#include <gtest/gtest.h>
+
+#include "melvo/model/project_file.h"
+#include "support/test_support.h"
+
+namespace melvo {
+namespace {
+
+Uuid id(const char* text) {
+  return *Uuid::parse(text);
+}
+
+MusicDocument fixedDocument() {
+  MusicDocument d;
+  d.title = "さくら / test \"1\"";
+  d.ppq = 480;
+  d.tempoMap = {{0, 120}, {1920, 90.5}};
+  d.timeSignatures = {{0, 3, 4}};
+  d.keySignatures = {{0, -2}};
+  MusicTrack t;
+  t.id = id("11111111-2222-3333-4444-555555555555");
+  t.name = "うた";
+  t.characterName = "soprano";
+  t.volume = 0.8;
+  t.pan = -0.25;
+  t.isSolo = true;
+  auto a = NoteEvent::make(id("AAAAAAAA-0000-0000-0000-000000000001"), 0, 480, 69, 100, "さ");
+  auto b = NoteEvent::make(id("AAAAAAAA-0000-0000-0000-000000000002"), 480, 960, 71, 90, "ら", true,
+                           true, std::string("r a"));
+  t.notes.assign({a, b});
+  d.tracks = {t};
+  d.madeAsNewProject = true;
+  return d;
+}
+
+TEST(ProjectFile, EncodesToTheGoldenBytes) {
+  MusicDocument d = fixedDocument();
+  d.addNotice(notice_kinds::fermata, 0, std::nullopt, 0);  // never written
+  EXPECT_EQ(encodeProject(d), test::readText(test::dataPath("golden/project_fixed.nsproj")));
+}
+
+TEST(ProjectFile, RoundTripKeepsEverythingButNotices) {
+  MusicDocument d = fixedDocument();
+  d.addNotice(notice_kinds::fermata, 0, std::nullopt, 0);
+  MusicDocument back = decodeProject(encodeProject(d));
+  EXPECT_TRUE(back.importNotices.empty());
+  EXPECT_FALSE(back.madeAsNewProject);
+  back.importNotices = d.importNotices;
+  back.madeAsNewProject = true;
+  EXPECT_EQ(back, d);
+  EXPECT_FALSE(back.tracks[0].notes[0].sourcePhonemes.has_value());
+}
+
+TEST(ProjectFile, AbsentKeysTakeDefaultsAndEmptyMapsStayEmpty) {
+  MusicDocument empty = decodeProject("{}");
+  ASSERT_EQ(empty.tracks.size(), 1u);
+  EXPECT_FALSE(empty.tracks[0].id.isNil());
+  EXPECT_EQ(empty.title, "Untitled");
+  EXPECT_EQ(empty.tempoMap, (std::vector<TempoEvent>{{0, 120}}));
+
+  MusicDocument d =
+      decodeProject(R"({"tempoMap":[],"timeSignatures":[],"keySignatures":[],"tracks":[{"notes":[)"
+                    R"({"tick":-5,"duration":0,"pitch":300,"lyric":null}]}]})");
+  EXPECT_TRUE(d.tempoMap.empty());
+  EXPECT_TRUE(d.timeSignatures.empty());
+  const NoteEvent& n = d.tracks[0].notes[0];
+  EXPECT_EQ(n.tick, 0);
+  EXPECT_EQ(n.duration, 1);
+  EXPECT_EQ(n.pitch, 127);
+  EXPECT_EQ(n.velocity, 100);
+  EXPECT_EQ(d.tracks[0].colorHex, MusicTrack::defaultTrackColor());
+  EXPECT_DOUBLE_EQ(d.seconds(960), 1.0);  // an empty tempo map runs at 120
+}
+
+TEST(ProjectFile, RepairsTemposMetersAndColours) {
+  MusicDocument d = decodeProject(
+      R"({"tempoMap":[{"tick":0,"bpm":0},{"tick":1,"bpm":2000},{"tick":2,"bpm":0.5}],)"
+      R"("timeSignatures":[{"tick":0,"numerator":3,"denominator":5},)"
+      R"({"tick":1,"numerator":0,"denominator":4},{"tick":2,"numerator":100,"denominator":8}],)"
+      R"("tracks":[{"colorHex":"#33ccbb"},{"colorHex":"#ABCDEF"}]})");
+  EXPECT_EQ(d.tempoMap[0].bpm, 120);
+  EXPECT_EQ(d.tempoMap[1].bpm, 1000);
+  EXPECT_EQ(d.tempoMap[2].bpm, 1);
+  EXPECT_EQ(d.timeSignatures[0].denominator, 4);
+  EXPECT_EQ(d.timeSignatures[1].numerator, 1);
+  EXPECT_EQ(d.timeSignatures[2].numerator, 64);
+  EXPECT_EQ(d.tracks[0].colorHex, MusicTrack::defaultTrackColor());
+  EXPECT_EQ(d.tracks[1].colorHex, "#ABCDEF");
+}
+
+TEST(ProjectFile, StrictWhereAValueCannotBeRepaired) {
+  // A note without duration fails the whole document.
+  EXPECT_THROW(decodeProject(R"({"tracks":[{"notes":[{"tick":0,"pitch":60}]}]})"),
+               ProjectDecodeError);
+  EXPECT_THROW(decodeProject(R"({"tempoMap":[{"tick":0}]})"), ProjectDecodeError);
+  EXPECT_THROW(decodeProject(R"({"title":5})"), ProjectDecodeError);
+  EXPECT_THROW(decodeProject(R"({"tracks":[{"id":"not-a-uuid"}]})"), ProjectDecodeError);
+  EXPECT_THROW(decodeProject(R"({"tracks":[{"notes":[{"tick":0.5,"duration":1,"pitch":1}]}]})"),
+               ProjectDecodeError);
+  EXPECT_THROW(decodeProject("[1,2]"), ProjectDecodeError);
+  EXPECT_THROW(decodeProject("{\"title\":"), ProjectDecodeError);
+  EXPECT_THROW(decodeProject("not json at all"), ProjectDecodeError);
+}
+
+TEST(ProjectFile, NewerSchemaOpensAndSavesBackWithoutUnknownKeys) {
+  MusicDocument d = decodeProject(R"({"schemaVersion":999,"foo":{"bar":[1,2]},"ppq":960})");
+  EXPECT_EQ(d.schemaVersion, 999);
+  std::string saved = encodeProject(d);
+  EXPECT_NE(saved.find("\"schemaVersion\" : 999"), std::string::npos);
+  EXPECT_EQ(saved.find("foo"), std::string::npos);
+}
+
+TEST(ProjectFile, WriteAndReadThroughFiles) {
+  test::TempDir dir;
+  auto path = dir / "a.NSPROJ";
+  EXPECT_TRUE(hasProjectExtension(path));
+  writeProject(fixedDocument(), path);
+  MusicDocument back = readProject(path);
+  EXPECT_EQ(back.tracks[0].notes.size(), 2u);
+  EXPECT_EQ(back.title, fixedDocument().title);
+}
+
+TEST(RecentSummary, ToleratesDamageAndPicksTheFirstVoice) {
+  test::TempDir dir;
+  test::writeText(dir / "bad.nsproj", "not json");
+  auto bad = readRecentSummary(dir / "bad.nsproj");
+  EXPECT_FALSE(bad.trackCount);
+  EXPECT_EQ(bad.voice, "");
+  EXPECT_TRUE(bad.modified);
+
+  // Damaged notes do not matter: only the head of each track is read.
+  test::writeText(dir / "v.nsproj",
+                  R"({"tracks":[{"characterName":"","colorHex":"#111111","notes":[{"x":1}]},)"
+                  R"({"characterName":"alto","colorHex":"#222222"}]})");
+  auto v = readRecentSummary(dir / "v.nsproj");
+  EXPECT_EQ(v.trackCount, 2);
+  EXPECT_EQ(v.voice, "alto");
+  EXPECT_EQ(v.colorHex, "#222222");
+
+  auto missing = readRecentSummary(dir / "gone.nsproj");
+  EXPECT_FALSE(missing.modified);
+}
+
+}  // namespace
+}  // namespace melvo

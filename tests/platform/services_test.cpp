@@ -1,0 +1,89 @@
+// Files, UUIDs, paths, translations and the log.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <set>
+
+#include "melvo/platform/atomic_file.h"
+#include "melvo/platform/i18n.h"
+#include "melvo/platform/log.h"
+#include "melvo/platform/paths.h"
+#include "melvo/platform/uuid.h"
+#include "support/test_support.h"
+
+namespace melvo {
+namespace {
+
+TEST(AtomicFile, ReplacesContentKeepsModeAndLeavesNoTemporary) {
+  test::TempDir dir;
+  auto path = dir / "song.nsproj";
+  writeFileAtomically(path, "old");
+  ::chmod(path.c_str(), 0600);
+  writeFileAtomically(path, "new content");
+  EXPECT_EQ(readFile(path), "new content");
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  std::size_t files = 0;
+  for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(dir.path())) ++files;
+  EXPECT_EQ(files, 1u);
+}
+
+TEST(AtomicFile, ErrorsNameThePath) {
+  test::TempDir dir;
+  try {
+    writeFileAtomically(dir / "missing" / "x.nsproj", "x");
+    FAIL() << "no error";
+  } catch (const FileError& e) {
+    EXPECT_NE(std::string(e.what()).find("missing/x.nsproj"), std::string::npos);
+  }
+  EXPECT_THROW(readFile(dir / "nothing"), FileError);
+  EXPECT_THROW(readFile(dir.path()), FileError);
+}
+
+TEST(UuidText, UpperCaseCanonicalAndStrictParse) {
+  Uuid u = Uuid::random();
+  std::string s = u.toString();
+  ASSERT_EQ(s.size(), 36u);
+  for (char c : s) EXPECT_TRUE(c == '-' || (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'));
+  EXPECT_EQ(Uuid::parse(s), u);
+  std::string lower = s;
+  for (char& c : lower) c = static_cast<char>(std::tolower(c));
+  EXPECT_EQ(Uuid::parse(lower), u);
+  EXPECT_FALSE(Uuid::parse(s.substr(1)));
+  EXPECT_FALSE(Uuid::parse("G" + s.substr(1)));
+  EXPECT_FALSE(Uuid::parse(s.substr(0, 8) + "X" + s.substr(9)));
+  EXPECT_NE(Uuid::random(), Uuid::random());
+}
+
+TEST(Paths, MelvoHomeHoldsEverything) {
+  test::TempHome home;
+  for (const auto& p : {paths::configDir(), paths::dataDir(), paths::autoSaveDir(),
+                        paths::socketPath(), paths::musicDir(), paths::trashDir()}) {
+    EXPECT_EQ(p.string().rfind(home.path().string(), 0), 0u) << p;
+  }
+}
+
+TEST(Translation, EnglishFromTheCatalogueAndPlaceholdersInOrder) {
+  i18n::setLanguage("en");
+  EXPECT_STREQ(tr("保存に失敗しました: %@"), "Save failed: %@");
+  EXPECT_EQ(trf("%@小節目%@拍", {"3", "2.5"}), "bar 3 beat 2.5");
+  i18n::setLanguage("ja");
+  EXPECT_EQ(trf("%@小節目%@拍", {"3", "2.5"}), "3小節目2.5拍");
+  i18n::setLanguage("en");
+  // Unknown keys come back as they are.
+  EXPECT_STREQ(tr("未知のキー"), "未知のキー");
+  EXPECT_EQ(substitute("%d%% of %@ %lld", {"50", "x", "7"}), "50% of x 7");
+  EXPECT_EQ(substitute("%@ and %@", {"one"}), "one and %@");
+}
+
+TEST(Log, CaptureSeesTaggedLines) {
+  log::Capture capture;
+  log::write("PitchCurve", "3 frames clamped");
+  ASSERT_EQ(capture.lines().size(), 1u);
+  EXPECT_EQ(capture.lines()[0], "[PitchCurve] 3 frames clamped");
+}
+
+}  // namespace
+}  // namespace melvo
