@@ -73,16 +73,27 @@ bool allScalars(std::string_view s, Pred pred) {
   return !anyScalar(s, [&](char32_t c) { return !pred(c); });
 }
 
+// Scalars that are certainly not white space, a newline, U+200B or U+FEFF: visible ASCII,
+// CJK punctuation after the ideographic space, kana and ideographs. Checking the ends against
+// these spares the Unicode property lookups of a full trim on almost every lyric.
+bool neverTrimmed(char32_t c) {
+  return (c > 0x20 && c < 0x7F) || (c > 0x3000 && c <= 0x9FFF);
+}
+
 // The export form as a view: of the caller's text when nothing but trimming is needed (the
 // usual case, and free of allocation), else of `storage`.
 std::string_view exportForm(std::string_view lyric, std::string& storage) {
   bool combining = false;
   bool illegal = false;
   bool malformed = false;
+  char32_t first = kNoScalar;
+  char32_t last = kNoScalar;
   std::size_t i = 0;
   while (i < lyric.size()) {
     std::size_t start = i;
     char32_t c = text::nextScalar(lyric, i);
+    if (start == 0) first = c;
+    last = c;
     if (c == text::kReplacement && i - start != 3) {
       malformed = true;
     } else if (!isXmlScalar(c)) {
@@ -91,7 +102,10 @@ std::string_view exportForm(std::string_view lyric, std::string& storage) {
       combining = true;
     }
   }
-  if (!combining && !illegal && !malformed) return text::trimLyric(lyric);
+  if (!combining && !illegal && !malformed) {
+    if (neverTrimmed(first) && neverTrimmed(last)) return lyric;
+    return text::trimLyric(lyric);
+  }
 
   // Broken bytes become U+FFFD, so the score stays valid UTF-8 and the reader stops there.
   std::string work = malformed ? text::fromScalars(text::toScalars(lyric)) : std::string(lyric);
@@ -162,6 +176,35 @@ std::string_view shapeForm(std::string_view lyric, std::string& storage) {
   return storage;
 }
 
+// The vowel a small kana brings; none for っ, ッ and ー, which only hold the one before.
+const char* smallKanaVowel(char32_t c) {
+  switch (c) {
+    case U'ぁ':
+    case U'ァ':
+    case U'ゃ':
+    case U'ャ':
+      return "あ";
+    case U'ぃ':
+    case U'ィ':
+      return "い";
+    case U'ぅ':
+    case U'ゥ':
+    case U'ゅ':
+    case U'ュ':
+      return "う";
+    case U'ぇ':
+    case U'ェ':
+      return "え";
+    case U'ぉ':
+    case U'ォ':
+    case U'ょ':
+    case U'ョ':
+      return "お";
+    default:
+      return nullptr;
+  }
+}
+
 }  // namespace
 
 bool isCharacterIn(std::string_view character, const char32_t* begin, const char32_t* end) {
@@ -227,6 +270,7 @@ LyricReading readLyric(std::string_view lyric) {
   std::string storage;
   std::string_view s = exportForm(lyric, storage);
   LyricReading reading;
+  reading.units.reserve(text::scalarCount(s));  // one allocation, not one per growth
   std::size_t stop = walkUnits(
       s, [&](const kana::Unit& unit) { reading.units.emplace_back(unit.phonemes); }, [] {});
   reading.readable = std::string(s.substr(0, stop));
@@ -321,6 +365,9 @@ std::vector<bool> effectiveVowelDrops(std::string_view lyric) {
 // ---- Classes ----
 
 LyricClass classifyLyricChars(std::string_view lyric) {
+  // Nothing but kana is clean whatever the rules below say: no %, no 強 or 弱 at the end, no
+  // digit or letter, and every Character lies in the kana range. That is nearly every note.
+  if (allScalars(lyric, inKanaRange)) return LyricClass::clean;
   if (lyric == "R" || lyric == "r" || lyric.find('%') != std::string_view::npos ||
       isUtauMarked(lyric)) {
     return LyricClass::utauMark;
@@ -446,19 +493,21 @@ std::vector<std::string> splitMorae(std::string_view lyric) {
 }
 
 std::vector<std::string> groupSyllables(std::string_view lyric) {
+  std::vector<std::string> morae = splitMorae(lyric);
   std::vector<std::string> syllables;
-  std::optional<std::string> previousVowel;
-  for (std::string& mora : splitMorae(lyric)) {
+  syllables.reserve(morae.size());
+  std::string previous;  // the mora before, not the syllable: しょうい splits before い
+  for (std::string& mora : morae) {
+    // The vowel before matters only for い and う, so it is looked up only then.
     auto after = [&](std::initializer_list<std::string_view> vowels) {
-      return previousVowel &&
-             std::find(vowels.begin(), vowels.end(), *previousVowel) != vowels.end();
+      std::optional<std::string> v = vowelOf(previous);
+      return v && std::find(vowels.begin(), vowels.end(), *v) != vowels.end();
     };
     bool joins =
         !syllables.empty() && (mora == "ん" || mora == "ン" ||
                                ((mora == "い" || mora == "イ") && after({"あ", "え", "お"})) ||
                                ((mora == "う" || mora == "ウ") && after({"あ", "お"})));
-    // The vowel of the mora itself, not of the syllable it joins: しょうい splits before い.
-    previousVowel = vowelOf(mora);
+    previous = mora;
     if (joins) {
       syllables.back() += mora;
     } else {
@@ -473,39 +522,17 @@ bool isMultiSyllable(std::string_view lyric) {
 }
 
 std::optional<std::string> vowelOf(std::string_view mora) {
-  std::vector<std::string_view> chars = characters(mora);
-  for (auto it = chars.rbegin(); it != chars.rend(); ++it) {
-    if (!isCharacterIn(*it, vowelSkippers)) return vowelOfCharacter(*it);
-    switch (soleScalar(*it)) {
-      case U'ぁ':
-      case U'ァ':
-        return "あ";
-      case U'ぃ':
-      case U'ィ':
-        return "い";
-      case U'ぅ':
-      case U'ゥ':
-        return "う";
-      case U'ぇ':
-      case U'ェ':
-        return "え";
-      case U'ぉ':
-      case U'ォ':
-        return "お";
-      case U'ゃ':
-      case U'ャ':
-        return "あ";
-      case U'ゅ':
-      case U'ュ':
-        return "う";
-      case U'ょ':
-      case U'ョ':
-        return "お";
-      default:
-        break;  // っ, ッ and ー carry no vowel: look further back
+  // Walked forward: the vowel comes from the last Character that is not っ, ッ or ー.
+  std::optional<std::string> vowel;
+  forEachCharacter(mora, [&](std::string_view character) {
+    if (!isCharacterIn(character, vowelSkippers)) {
+      vowel = vowelOfCharacter(character);
+    } else if (const char* small = smallKanaVowel(soleScalar(character))) {
+      vowel = small;
     }
-  }
-  return std::nullopt;
+    return true;
+  });
+  return vowel;
 }
 
 std::optional<std::string> vowelOfCharacter(std::string_view character) {
