@@ -131,7 +131,10 @@ void printHuman(const Report& r, std::ostream& out) {
   line(tr("読めた部分"), orNone(r.reading.readable));
   line(tr("残り"), orNone(r.reading.rest));
   line(tr("音素数"), std::to_string(r.phonemes));
-  line(tr("分類"), std::string(classText(r.cls)) + " (" + lyricClassName(r.cls) + ")");
+  // The code name is what scripts and the validator's logs use; shown when it reads differently.
+  std::string cls = classText(r.cls);
+  if (cls != lyricClassName(r.cls)) cls += std::string(" (") + lyricClassName(r.cls) + ")";
+  line(tr("分類"), cls);
   line(tr("モーラ"), joined(r.morae));
   line(tr("音節"), joined(r.syllables));
   if (r.kanjiReading) line(tr("漢字の読み"), orNone(*r.kanjiReading));
