@@ -104,12 +104,14 @@ Json fromElement(simdjson::dom::element e) {
   switch (e.type()) {
     case element_type::ARRAY: {
       Json::Array a;
-      for (auto child : e.get_array().value_unsafe()) a.push_back(fromElement(child));
+      simdjson::dom::array array = e.get_array().value_unsafe();
+      for (auto child : array) a.push_back(fromElement(child));
       return Json(std::move(a));
     }
     case element_type::OBJECT: {
       Json::Object o;
-      for (auto field : e.get_object().value_unsafe()) {
+      simdjson::dom::object object = e.get_object().value_unsafe();
+      for (auto field : object) {
         o.insert_or_assign(std::string(field.key), fromElement(field.value));
       }
       return Json(std::move(o));
