@@ -1,5 +1,6 @@
 #include "melvo/importers/import_entry.h"
 
+#include "melvo/interchange/tempo_notices.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"
@@ -27,7 +28,9 @@ MusicDocument openDocument(const std::filesystem::path& path) {
   } catch (const ProjectDecodeError& e) {
     throw OpenError(trf("%@ を開けません: %@", {path.string(), e.what()}));
   }
-  // Every opened song goes through the same passes as an import.
+  // Every opened song goes through the same passes as an import. Tempo notices are not
+  // saved, so a reopened project finds them anew.
+  addTempoInsideNoteNotices(document);
   sealNotices(document);
   return document;
 }
