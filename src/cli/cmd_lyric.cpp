@@ -13,6 +13,7 @@
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
+#include "melvo/platform/text.h"
 
 namespace melvo::cli {
 namespace {
@@ -106,7 +107,8 @@ Report examine(const std::string& lyric) {
 
 Json toJson(const Report& r) {
   Json o = Json::object();
-  o["lyric"] = r.lyric;
+  // Broken bytes as U+FFFD: the output must stay valid JSON whatever the shell passed in.
+  o["lyric"] = text::fromScalars(text::toScalars(r.lyric));
   o["export"] = r.exported;
   o["state"] = readingKindName(r.state);
   o["units"] = stringArray(r.reading.units);
