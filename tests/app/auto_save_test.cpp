@@ -1,0 +1,323 @@
+#include "melvo/app/auto_save_manager.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "app/app_test_support.h"
+#include "melvo/platform/paths.h"
+#include "melvo/platform/trash.h"
+#include "support/test_support.h"
+
+namespace melvo {
+namespace {
+using namespace std::chrono_literals;
+using test::ScriptedCore;
+using test::songNamed;
+namespace fs = std::filesystem;
+
+class AutoSaveTest : public ::testing::Test {
+ protected:
+  test::TempHome home;
+  test::TempDir files;
+};
+
+TEST_F(AutoSaveTest, TickWritesOnlyWhileDirty) {
+  ScriptedCore core;
+  core.app->start();
+  auto& as = core.app->autoSave();
+  EXPECT_TRUE(as.timerRunning());
+  core.clock->advance(60s);
+  core.loop.runUntilIdle();
+  EXPECT_TRUE(as.listSnapshots().empty());  // clean song
+
+  core.edit("dirty");
+  core.clock->advance(60s);
+  core.loop.runUntilIdle();
+  auto list = as.listSnapshots();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0].title, "dirty");
+  EXPECT_FALSE(list[0].manual);
+  EXPECT_EQ(readProject(list[0].url).title, "dirty");
+
+  core.saveChoice = files / "d.nsproj";
+  ASSERT_EQ(core.app->save(), AppState::FlowResult::done);
+  core.clock->advance(60s);
+  core.loop.runUntilIdle();
+  EXPECT_TRUE(as.listSnapshots().empty());  // the saved project's own folder is empty
+}
+
+TEST_F(AutoSaveTest, OffMeansNoTimerButManualSnapshotsWork) {
+  ScriptedCore core;
+  auto& as = core.app->autoSave();
+  as.setSettings({AutoSaveSettings::Interval::off, 50});
+  EXPECT_FALSE(as.timerRunning());
+  EXPECT_EQ(core.loop.activeTimerCount(), 0u);
+  auto snap = core.app->snapshot("before chorus");
+  ASSERT_TRUE(snap);
+  EXPECT_TRUE(snap->manual);
+  EXPECT_EQ(snap->label, "before chorus");
+  EXPECT_EQ(AutoSaveSettings::load(), (AutoSaveSettings{AutoSaveSettings::Interval::off, 50}));
+  test::writeText(AutoSaveSettings::defaultPath(), R"({"interval": 45, "maxGenerations": 3})");
+  EXPECT_EQ(AutoSaveSettings::load(), AutoSaveSettings{});
+}
+
+TEST_F(AutoSaveTest, PruningKeepsNewestAutomaticCopiesAndAllManualOnes) {
+  EventLoop loop(std::make_shared<ManualClock>());
+  AutoSaveManager as(loop);
+  as.setSettings({AutoSaveSettings::Interval::min1, 3});
+  as.writeSnapshot(songNamed("m1"), "one", true);
+  for (int i = 1; i <= 4; ++i) as.writeSnapshot(songNamed("a" + std::to_string(i)), {}, false);
+  as.writeSnapshot(songNamed("m2"), std::nullopt, true);
+  std::vector<std::string> titles;
+  for (const auto& s : as.listSnapshots()) titles.push_back(s.title);
+  EXPECT_EQ(titles, (std::vector<std::string>{"m2", "a4", "a3", "a2", "m1"}));
+  // Sidecars went with their copies.
+  int metas = 0;
+  for (const auto& e : fs::directory_iterator(as.listSnapshots()[0].url.parent_path()))
+    metas += e.path().extension() == ".meta";
+  EXPECT_EQ(metas, 5);
+}
+
+TEST_F(AutoSaveTest, KeysHashTheWholePathAndSidecarsAreOptional) {
+  EXPECT_NE(AutoSaveManager::projectKey("/a/x/song.nsproj"),
+            AutoSaveManager::projectKey("/b/x/song.nsproj"));
+  EXPECT_EQ(AutoSaveManager::projectKey("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a3");
+
+  EventLoop loop(std::make_shared<ManualClock>());
+  AutoSaveManager as(loop);
+  auto snap = as.writeSnapshot(songNamed("no meta", 7), "x", true);
+  ASSERT_TRUE(snap);
+  fs::remove(snap->sidecar());
+  auto listed = as.listSnapshots();
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0].title, "no meta");
+  EXPECT_EQ(listed[0].noteCount, 7);
+  EXPECT_FALSE(listed[0].manual);
+  EXPECT_NEAR(listed[0].date, snap->date, 0.002);  // from the file name
+}
+
+TEST_F(AutoSaveTest, RestoringAVersionAsksAndLeavesTheSongDirty) {
+  fs::path p = files / "r.nsproj";
+  writeProject(songNamed("saved"), p);
+  ScriptedCore core;
+  core.app->open(p);
+  core.edit("v1");
+  auto snap = core.app->snapshot("v1");
+  core.edit("v2");
+  EXPECT_EQ(core.app->restoreSnapshot(*snap), AppState::FlowResult::cancelled);
+  EXPECT_EQ(core.vm().document().title, "v2");
+  core.answers = {FrontEnd::Answer::primary};
+  EXPECT_EQ(core.app->restoreSnapshot(*snap), AppState::FlowResult::done);
+  EXPECT_EQ(core.vm().document().title, "v1");
+  EXPECT_TRUE(core.vm().isDirty());
+  EXPECT_FALSE(core.vm().canUndo());
+  EXPECT_EQ(core.app->projectFilePath(), p.string());
+}
+
+TEST_F(AutoSaveTest, TrashKeepsTheFileAndWhereItCameFrom) {
+  fs::path f = files / "a b.nsproj";
+  test::writeText(f, "one");
+  fs::path first = trash::moveToTrash(f);
+  test::writeText(f, "two");
+  fs::path second = trash::moveToTrash(f);
+  EXPECT_FALSE(fs::exists(f));
+  EXPECT_NE(first, second);
+  EXPECT_EQ(test::readText(first), "one");
+  EXPECT_EQ(test::readText(second), "two");
+  std::string info =
+      test::readText(paths::trashDir() / "info" / (first.filename().string() + ".trashinfo"));
+  EXPECT_NE(info.find("[Trash Info]\nPath=" + files.path().string() + "/a%20b.nsproj\n"),
+            std::string::npos)
+      << info;
+  EXPECT_NE(info.find("DeletionDate="), std::string::npos);
+  EXPECT_THROW(trash::moveToTrash(f), std::exception);
+
+  EventLoop loop(std::make_shared<ManualClock>());
+  AutoSaveManager as(loop);
+  auto snap = as.writeSnapshot(songNamed("s"), std::nullopt, true);
+  EXPECT_TRUE(AutoSaveManager::moveToTrash(*snap));
+  EXPECT_FALSE(fs::exists(snap->url));
+  EXPECT_FALSE(fs::exists(snap->sidecar()));
+  EXPECT_TRUE(as.listSnapshots().empty());
+}
+
+// ---- Recovery across processes ----
+
+// Runs `body` in a child that signals readiness through a pipe and then waits to be killed.
+pid_t forkAndWait(const std::function<void()>& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    body();
+    char c = 'r';
+    (void)!write(fds[1], &c, 1);
+    for (;;) pause();
+  }
+  close(fds[1]);
+  char c = 0;
+  (void)!read(fds[0], &c, 1);
+  close(fds[0]);
+  return c == 'r' ? pid : -1;
+}
+
+TEST_F(AutoSaveTest, ACrashedSessionIsOfferedAndACleanOneIsNot) {
+  pid_t child = forkAndWait([] {
+    ScriptedCore core;
+    core.app->start();
+    core.edit("unsaved work");
+    core.clock->advance(60s);
+    core.loop.runUntilIdle();
+  });
+  ASSERT_GT(child, 0);
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+
+  {
+    ScriptedCore next;
+    next.app->start();
+    const auto& offered = next.app->recoverableSnapshots();
+    ASSERT_EQ(offered.size(), 1u);
+    EXPECT_EQ(offered[0].title, "unsaved work");
+    EXPECT_EQ(AutoSaveManager::restore(offered[0]).title, "unsaved work");
+
+    auto r = test::runMelvo({"snapshots", "list", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json listed = Json::parse(r.out);
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed.asArray()[0].find("path")->asString(), offered[0].url.string());
+    EXPECT_EQ(listed.asArray()[0].find("title")->asString(), "unsaved work");
+
+    // This session writes its own copy and quits properly: nothing new is offered, and the
+    // dead session stays on offer until it is discarded.
+    next.edit("second");
+    next.clock->advance(60s);
+    next.loop.runUntilIdle();
+    next.app->endCleanly();
+  }
+  ScriptedCore third;
+  third.app->start();
+  ASSERT_EQ(third.app->recoverableSnapshots().size(), 1u);
+  third.app->discardRecoverable(third.app->recoverableSnapshots());
+  EXPECT_TRUE(third.app->recoverableSnapshots().empty());
+  EXPECT_TRUE(AutoSaveManager(third.loop).findRecoverable().empty());
+}
+
+TEST_F(AutoSaveTest, AProjectIsOfferedOnlyWhenItsCopyIsNewerThanTheFile) {
+  fs::path p = files / "proj.nsproj";
+  writeProject(songNamed("proj"), p);
+  {
+    ScriptedCore core;
+    core.app->start();
+    core.app->open(p);
+    core.edit("edited");
+    core.clock->advance(60s);
+    core.loop.runUntilIdle();
+    // dies here without endCleanly
+  }
+  EventLoop loop(std::make_shared<ManualClock>());
+  EXPECT_EQ(AutoSaveManager(loop).findRecoverable().size(), 1u);
+  // Saved afterwards (say, by another program): the copy is old news.
+  std::this_thread::sleep_for(10ms);
+  writeProject(songNamed("newer"), p);
+  EXPECT_TRUE(AutoSaveManager(loop).findRecoverable().empty());
+
+  {
+    ScriptedCore core;
+    core.app->start();
+    core.app->open(p);
+    core.edit("edited again");
+    core.clock->advance(60s);
+    core.loop.runUntilIdle();
+    core.app->endCleanly();
+  }
+  ScriptedCore after;
+  EXPECT_TRUE(after.app->autoSave().findRecoverable().empty());
+  after.app->autoSave().setProject(p.string());
+  EXPECT_EQ(after.app->autoSave().listSnapshots().size(), 2u);  // history kept
+}
+
+TEST_F(AutoSaveTest, ServeEndsCleanlyOnSigterm) {
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out[1], 1);
+    close(out[0]);
+    setenv("LANGUAGE", "en", 1);
+    execl(MELVO_BINARY, MELVO_BINARY, "serve", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  std::string seen;
+  char buf[256];
+  while (seen.find("Ctrl+C") == std::string::npos) {
+    ssize_t n = read(out[0], buf, sizeof buf);
+    if (n <= 0) break;
+    seen.append(buf, static_cast<std::size_t>(n));
+  }
+  ASSERT_NE(seen.find("Ctrl+C"), std::string::npos) << seen;
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  close(out[0]);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  auto r = test::runMelvo({"snapshots", "list", "--json"});
+  EXPECT_EQ(Json::parse(r.out).size(), 0u);
+}
+
+TEST_F(AutoSaveTest, AKilledSaveLeavesOldOrNewContentNeverAMix) {
+  const MusicDocument a = songNamed("a", 3000), b = songNamed("b", 3001);
+  const std::string encodedA = encodeProject(a), encodedB = encodeProject(b);
+  fs::path p = files / "torn.nsproj";
+  writeProject(a, p);
+  for (int round = 0; round < 6; ++round) {
+    pid_t child = forkAndWait([] {});
+    ASSERT_GT(child, 0);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    pid_t saver = fork();
+    if (saver == 0) {
+      close(go[0]);
+      ScriptedCore core;
+      core.app->open(p);
+      bool signalled = false;
+      for (int i = 0;; ++i) {
+        core.vm().commit("編集", [&](MusicDocument& d) { d = (i % 2) ? a : b; });
+        core.app->save();
+        if (!signalled) {
+          char c = 'g';
+          (void)!write(go[1], &c, 1);
+          signalled = true;
+        }
+      }
+    }
+    close(go[1]);
+    char c;
+    ASSERT_EQ(read(go[0], &c, 1), 1);
+    close(go[0]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(3 + 7 * round));
+    kill(saver, SIGKILL);
+    waitpid(saver, nullptr, 0);
+    for (const auto& e : fs::directory_iterator(files.path())) {
+      if (e.path().extension() != ".nsproj") continue;
+      const std::string bytes = test::readText(e.path());
+      EXPECT_TRUE(bytes == encodedA || bytes == encodedB)
+          << "round " << round << ": " << e.path() << " holds " << bytes.size() << " bytes";
+    }
+  }
+}
+
+}  // namespace
+}  // namespace melvo
