@@ -1,0 +1,50 @@
+// Starting a child with posix_spawn, its output on pipes. Shared by the script runner and the
+// engine check, which both start bash.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace melvo::child {
+
+struct Spawned {
+  pid_t pid = -1;
+  int outFd = -1;  // read end of stdout (and stderr when merged)
+  int errFd = -1;  // read end of stderr, -1 when merged into stdout
+};
+
+struct SpawnOptions {
+  std::vector<std::string> argv;
+  std::vector<std::string> env;            // "KEY=VALUE"
+  std::filesystem::path workingDirectory;  // empty: the parent's
+  bool mergeStderr = false;
+  // A process group of its own, with the child as its leader (pgid == pid).
+  bool newProcessGroup = true;
+};
+
+// Throws SpawnError with the system's reason. Both read ends are close-on-exec.
+Spawned spawn(const SpawnOptions& options);
+
+// This process's environment with `name` set to `value` (added when absent).
+std::vector<std::string> environmentWith(std::string_view name, const std::string& value);
+
+// A wait status as a shell reports it: the exit code, or 128 + the signal.
+int shellStatus(int waitStatus);
+
+// Sends `sig` to the whole group; false when no process of it is left.
+bool signalGroup(pid_t pgid, int sig);
+bool groupExists(pid_t pgid);
+
+}  // namespace melvo::child
+
+namespace melvo::child {
+
+// Runs argv[0] with the arguments, stdin empty, output ignored, and waits. Gives the shell
+// status, or -1 when it could not be started.
+int runAndWait(const std::vector<std::string>& argv);
+
+}  // namespace melvo::child

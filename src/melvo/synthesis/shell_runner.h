@@ -1,0 +1,69 @@
+// Runs one generated bash script as a child process and hands its output back line by line
+// on the main queue, then its exit status once, after the last line.
+//
+// Each run reads its two pipes on a thread of its own (a private Asio io_context), so the
+// main queue never blocks on the child; every callback is posted to the main queue in the
+// order the bytes arrived. The script runs in its own process group: bash does not pass a
+// signal on to the tool it is waiting for, and a cancel must stop the engine's CPU use too.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace melvo {
+
+class EventLoop;
+
+class SpawnError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class ShellRunner {
+ public:
+  using LineHandler = std::function<void(const std::string& line)>;
+  // The exit status; a child ended by a signal reports 128 + the signal, as a shell would.
+  using ExitHandler = std::function<void(int status)>;
+
+  // The loop must outlive the runner.
+  explicit ShellRunner(EventLoop& mainQueue);
+  // Kills what still runs of the group and waits for the reader threads; no callback comes
+  // after this.
+  ~ShellRunner();
+  ShellRunner(const ShellRunner&) = delete;
+  ShellRunner& operator=(const ShellRunner&) = delete;
+
+  // Starts "/bin/bash <script>" in `workingDirectory`. stdout lines arrive as they are,
+  // stderr lines with "[STDERR] " in front; empty and undecodable lines are dropped. Throws
+  // SpawnError when the child cannot be started; isRunning() then stays true until the next
+  // run() or cancel().
+  void run(const std::filesystem::path& script, const std::filesystem::path& workingDirectory,
+           LineHandler onLine, ExitHandler onExit);
+
+  // SIGTERM to the whole group now, SIGKILL 3 s later to whatever of it is left. onExit still
+  // arrives, with the child's own status. Safe when nothing runs.
+  void cancel();
+
+  bool isRunning() const;
+  // The running script's process id, which is also its process group id.
+  std::optional<pid_t> processId() const;
+
+  // Grace time between SIGTERM and SIGKILL.
+  static constexpr int killDelayMs = 3000;
+
+ private:
+  struct State;
+  struct Reader;
+  std::shared_ptr<State> state_;
+};
+
+// "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin:" followed by the inherited PATH.
+std::string childSearchPath();
+
+}  // namespace melvo
