@@ -11,6 +11,10 @@ demo: deps
 	cmake --build --preset release --target melvo
 	@mkdir -p out
 	./build/release/bin/melvo info $(EXAMPLE)
+	./build/release/bin/melvo lyric さくら きゃっ 今日
+	./build/release/bin/melvo convert $(EXAMPLE) out/sakura.musicxml
+	./build/release/bin/melvo convert $(EXAMPLE) out/sakura.mid
+	@echo "demo: wrote out/sakura.musicxml and out/sakura.mid"
 
 test: deps format-check
 	cmake --preset ci >/dev/null
