@@ -79,8 +79,6 @@ TEST_F(ExportChoiceTest, SuggestedNameReplacesBlanks) {
   MusicDocument d;
   d.title = "春の 歌\u3000その2";
   EXPECT_EQ(suggestedMusicXMLFileName(d), "春の_歌_その2.musicxml");
-  EXPECT_EQ(musicXMLExportDialogTitle(),
-            "MusicXML として書き出す（NEUTRINO 用に非圧縮 .musicxml）");
 }
 
 TEST(TempoNotices, OnePlacePerSplitNoteOnUnmutedTracks) {

@@ -23,8 +23,6 @@ TEST(MusicXMLValues, NoteValuesFollowTheRowOrder) {
   EXPECT_EQ(X::noteValue(160, 480), (X::NoteValue{"eighth", 0}));
   EXPECT_EQ(X::noteValue(840, 480), (X::NoteValue{"quarter", 2}));
   EXPECT_EQ(X::noteValue(250, 480), (X::NoteValue{"eighth", 0}));  // nearest row
-  EXPECT_EQ(X::noteValue(1440, 480), (X::NoteValue{"half", 1}));
-  EXPECT_EQ(X::noteValue(2400, 480), (X::NoteValue{"whole", 0}));
   EXPECT_EQ(X::noteValue(100000, 480), (X::NoteValue{"breve", 0}));
   // With a tiny ppq the short rows all have base 1: the first of them wins, and the triplet
   // rule skips them.
@@ -32,14 +30,10 @@ TEST(MusicXMLValues, NoteValuesFollowTheRowOrder) {
   EXPECT_EQ(X::noteValue(3, 2), (X::NoteValue{"quarter", 1}));
 }
 
-TEST(MusicXMLValues, TempoTexts) {
-  EXPECT_EQ(X::tempoText(0), "120");
+TEST(MusicXMLValues, TempoTextsBeyondTheGoldenOnes) {
   EXPECT_EQ(X::tempoText(-5), "120");
   EXPECT_EQ(X::tempoText(std::numeric_limits<double>::infinity()), "120");
-  EXPECT_EQ(X::tempoText(2000), "1000");
   EXPECT_EQ(X::tempoText(0.2), "1");
-  EXPECT_EQ(X::tempoText(120.004), "120");
-  EXPECT_EQ(X::tempoText(120.5), "120.5");
   EXPECT_EQ(X::tempoText(97.25), "97.25");
   EXPECT_EQ(X::tempoText(97.125), "97.13");  // halves away from zero
   EXPECT_EQ(X::tempoText(99.999), "100");
