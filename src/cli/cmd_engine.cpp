@@ -1,0 +1,209 @@
+// melvo engine status|discover|voices|use|fix: finding the engine, checking that it runs,
+// and pointing Melvo at it.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "cli/command.h"
+#include "melvo/platform/i18n.h"
+#include "melvo/platform/json.h"
+#include "melvo/synthesis/installation_finder.h"
+#include "melvo/synthesis/neutrino_config.h"
+#include "melvo/synthesis/setup_helper.h"
+
+namespace fs = std::filesystem;
+
+namespace melvo::cli {
+namespace {
+
+namespace finder = NEUTRINOInstallationFinder;
+
+struct Options {
+  std::string dir;
+  bool json = false;
+};
+
+NEUTRINOConfig loadConfig() {
+  return NEUTRINOConfig::load().value_or(NEUTRINOConfig{});
+}
+
+// The folder given, else the configured one; empty with a message when there is neither.
+std::string folderOrConfigured(const std::string& given) {
+  if (!given.empty()) return fs::absolute(given).lexically_normal().string();
+  std::string configured = loadConfig().neutrinoDirectory;
+  if (configured.empty())
+    printError(
+        tr("NEUTRINOフォルダが設定されていません。上帯の歯車（設定）か、メニュー「Melvo」→「"
+           "設定…」（⌘,）から指定してください。"));
+  return configured;
+}
+
+const char* mark(bool ok) {
+  return ok ? "✓" : "✗";
+}
+
+int runStatus(const Options& o) {
+  const std::string dir = folderOrConfigured(o.dir);
+  if (dir.empty()) return 1;
+  const auto s = finder::status(dir);
+  std::error_code ec;
+  const bool hasBin = fs::is_directory(fs::path(dir) / "bin", ec);
+  const bool hasModel = fs::is_directory(fs::path(dir) / "model", ec);
+  const auto check = finder::checkExecutable(dir);
+  const bool runs = std::holds_alternative<finder::Ok>(check);
+  std::string checkName = runs ? "ok" : "missing";
+  std::string detail;
+  if (auto* b = std::get_if<finder::Broken>(&check)) {
+    checkName = "broken";
+    detail = b->detail;
+  }
+  if (o.json) {
+    Json j = Json::object();
+    j["path"] = s.path;
+    j["isValid"] = s.isValid;
+    j["hasBin"] = hasBin;
+    j["hasModel"] = hasModel;
+    j["hasNEUTRINO"] = s.hasNEUTRINO;
+    j["hasNSF_IO"] = s.hasNSF_IO;
+    j["hasWORLD"] = s.hasWORLD;
+    j["hasMusicXMLtoLabel"] = s.hasMusicXMLtoLabel;
+    j["characterCount"] = s.characterCount;
+    Json names = Json::array();
+    for (const auto& n : s.characterNames) names.push(n);
+    j["characterNames"] = std::move(names);
+    j["check"] = checkName;
+    j["checkDetail"] = detail;
+    std::printf("%s\n", j.dump(JsonStyle::Pretty).c_str());
+  } else {
+    std::printf("%s\n", dir.c_str());
+    std::printf("  %s %s\n", mark(hasBin), tr("bin フォルダ"));
+    std::printf("  %s %s\n", mark(hasModel), tr("model フォルダ"));
+    std::printf("  %s %s\n", mark(s.hasNEUTRINO), tr("合成エンジン (neutrino)"));
+    std::printf("  %s %s\n", mark(s.hasMusicXMLtoLabel), tr("楽譜の変換 (musicXMLtoLabel)"));
+    std::printf("  %s %s\n", mark(runs), tr("NEUTRINO を試しに起動できる"));
+    if (!detail.empty()) std::printf("      %s\n", detail.c_str());
+    std::printf("%s\n", trf("声: %@", {std::to_string(s.characterCount)}).c_str());
+    for (const auto& n : s.characterNames) std::printf("  %s\n", n.c_str());
+  }
+  return s.isValid && runs ? 0 : 1;
+}
+
+int runDiscover(const Options& o) {
+  const auto found = finder::discover();
+  std::optional<std::string> best;
+  for (const auto& p : found)
+    if (std::holds_alternative<finder::Ok>(finder::checkExecutable(p))) {
+      best = p;
+      break;
+    }
+  if (!best && !found.empty()) best = found.front();
+  if (o.json) {
+    Json list = Json::array();
+    for (const auto& p : found) list.push(Json::Object{{"path", p}, {"best", best && *best == p}});
+    std::printf("%s\n", list.dump(JsonStyle::Pretty).c_str());
+    return 0;
+  }
+  if (found.empty()) {
+    std::printf("%s\n", tr("NEUTRINO は見つかりませんでした"));
+    return 1;
+  }
+  for (const auto& p : found) std::printf("%s %s\n", best && *best == p ? "*" : " ", p.c_str());
+  return 0;
+}
+
+int runVoices(const Options& o) {
+  const std::string dir = folderOrConfigured(o.dir);
+  if (dir.empty()) return 1;
+  const auto voices = scanCharacters(dir);
+  if (o.json) {
+    Json list = Json::array();
+    for (const auto& v : voices)
+      list.push(Json::Object{{"name", v.name}, {"directoryPath", v.directoryPath}});
+    std::printf("%s\n", list.dump(JsonStyle::Pretty).c_str());
+  } else {
+    for (const auto& v : voices) std::printf("%s\n", v.name.c_str());
+    if (voices.empty()) std::printf("%s\n", tr("声が見つかりません（model/ が空です）"));
+  }
+  return 0;
+}
+
+int runUse(const Options& o) {
+  const std::string dir = fs::absolute(o.dir).lexically_normal().string();
+  if (!finder::isInstallation(dir)) {
+    printError(
+        trf("%@ に NEUTRINO が見つかりません（bin/ に neutrino と musicXMLtoLabel が必要です）",
+            {dir}));
+    return 1;
+  }
+  NEUTRINOConfig config = loadConfig();
+  config.neutrinoDirectory = dir;
+  const auto voices = scanCharacters(dir);
+  bool kept = false;
+  for (const auto& v : voices) kept |= v.name == config.selectedCharacterName;
+  if (!kept) config.selectedCharacterName = voices.empty() ? "" : voices.front().name;
+  try {
+    config.save();
+  } catch (const std::exception& e) {
+    printError(e.what());
+    return 1;
+  }
+  std::printf("%s\n", trf("NEUTRINO フォルダ: %@", {dir}).c_str());
+  std::printf("%s\n", trf("声: %@", {config.selectedCharacterName}).c_str());
+  return 0;
+}
+
+int runFix(const Options& o) {
+  const std::string dir = fs::absolute(o.dir).lexically_normal().string();
+  const auto before = NEUTRINOSetupHelper::status(dir);
+  if (!before.neutrinoDirOK) {
+    printError(tr("⚠ bin/ フォルダが見つかりません"));
+    return 1;
+  }
+  if (before.executablesMissing.empty()) {
+    std::printf("%s\n", tr("実行準備 OK：このまま合成できます"));
+    return 0;
+  }
+  std::printf("%s\n", tr("• 実行権限が無いバイナリ："));
+  for (const auto& name : before.executablesMissing) std::printf("  %s\n", name.c_str());
+  const bool ok = NEUTRINOSetupHelper::fix(
+      dir, [](const std::string& line) { std::printf("%s\n", line.c_str()); });
+  std::printf("%s\n", ok ? tr("✅ 解除完了") : tr("⚠ 解除に失敗した項目があります"));
+  return ok ? 0 : 1;
+}
+
+CommandRun withDir(CLI::App& sub, bool required, bool json, int (*run)(const Options&)) {
+  auto opts = std::make_shared<Options>();
+  auto* dir = sub.add_option("DIR", opts->dir, tr("NEUTRINO フォルダ"));
+  if (required) dir->required();
+  if (json) sub.add_flag("--json", opts->json, tr("JSON で出力する"));
+  return [opts, run] { return run(*opts); };
+}
+
+const bool registered = registerCommand(
+    {"engine", N_("NEUTRINO を探す・確かめる・設定する"), 60, [](CLI::App& app) -> CommandRun {
+       app.require_subcommand(1);
+       auto choice = std::make_shared<CommandRun>();
+       auto add = [&](const char* name, const char* help, bool required, bool json,
+                      int (*run)(const Options&)) {
+         auto* sub = app.add_subcommand(name, help);
+         auto body = withDir(*sub, required, json, run);
+         sub->callback([choice, body] { *choice = body; });
+       };
+       add("status", tr("フォルダの中身と、NEUTRINO が起動できるかを確かめる"), false, true,
+           runStatus);
+       auto* discover = app.add_subcommand("discover", tr("この計算機の NEUTRINO を探す"));
+       auto discoverOpts = std::make_shared<Options>();
+       discover->add_flag("--json", discoverOpts->json, tr("JSON で出力する"));
+       discover->callback([choice, discoverOpts] {
+         *choice = [discoverOpts] { return runDiscover(*discoverOpts); };
+       });
+       add("voices", tr("フォルダの声（model/ の中）を一覧にする"), false, true, runVoices);
+       add("use", tr("このフォルダの NEUTRINO を使うよう設定する"), true, false, runUse);
+       add("fix", tr("bin/ の実行権限を直す"), true, false, runFix);
+       return [choice] { return *choice ? (*choice)() : 1; };
+     }});
+
+}  // namespace
+}  // namespace melvo::cli

@@ -1,0 +1,56 @@
+#include "synthesis/engine_test_support.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "support/test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace melvo::test {
+
+bool pumpUntil(EventLoop& loop, const std::function<bool()>& done,
+               std::chrono::milliseconds limit) {
+  const auto until = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    if (loop.runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+fs::path standInEngine() {
+  return fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "stand-in-engine";
+}
+
+std::vector<pid_t> liveMembers(pid_t pgid) {
+  std::vector<pid_t> out;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream in(entry.path() / "stat");
+    std::string stat;
+    if (!std::getline(in, stat)) continue;
+    // pid (comm) state ppid pgrp ...; comm may hold blanks, so read after the last ')'.
+    std::istringstream rest(stat.substr(stat.rfind(')') + 1));
+    char state = 0;
+    pid_t ppid = 0, group = 0;
+    rest >> state >> ppid >> group;
+    if (group == pgid && state != 'Z' && state != 'X') out.push_back(std::stoi(name));
+  }
+  return out;
+}
+
+void makeFakeEngine(const fs::path& dir, const std::string& neutrinoBody) {
+  fs::create_directories(dir / "bin");
+  fs::create_directories(dir / "model" / "voice");
+  writeText(dir / "bin" / "neutrino", "#!/bin/sh\n" + neutrinoBody + "\n");
+  writeText(dir / "bin" / "musicXMLtoLabel", "#!/bin/sh\nexit 0\n");
+  ::chmod((dir / "bin" / "neutrino").c_str(), 0755);
+  ::chmod((dir / "bin" / "musicXMLtoLabel").c_str(), 0755);
+}
+
+}  // namespace melvo::test

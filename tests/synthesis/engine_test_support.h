@@ -1,0 +1,30 @@
+// Helpers of the engine tests: running the main queue until something happened, the
+// stand-in engine's folder, and the processes of a group.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "melvo/platform/event_loop.h"
+
+namespace melvo::test {
+
+// Runs the loop until `done` holds or `limit` has passed; true when `done` held.
+bool pumpUntil(EventLoop& loop, const std::function<bool()>& done,
+               std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+// <build>/stand-in-engine, found from this test program's own place in the build.
+std::filesystem::path standInEngine();
+
+// Live (not zombie) processes whose process group is `pgid`.
+std::vector<pid_t> liveMembers(pid_t pgid);
+
+// An engine folder of shell-script tools, for checks that need a tool to misbehave.
+void makeFakeEngine(const std::filesystem::path& dir, const std::string& neutrinoBody);
+
+}  // namespace melvo::test

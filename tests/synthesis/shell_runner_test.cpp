@@ -1,0 +1,140 @@
+#include "melvo/synthesis/shell_runner.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <thread>
+
+#include "melvo/platform/event_loop.h"
+#include "support/test_support.h"
+#include "synthesis/engine_test_support.h"
+
+namespace melvo {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ShellRunnerTest : public ::testing::Test {
+ protected:
+  std::filesystem::path script(const std::string& body) {
+    auto p = dir / ("s" + std::to_string(++count) + ".sh");
+    test::writeText(p, "#!/bin/bash\n" + body);
+    return p;
+  }
+  // Starts a script and records every callback in order.
+  void start(const std::string& body) {
+    runner.run(
+        script(body), dir.path(), [this](const std::string& l) { events.push_back(l); },
+        [this](int status) {
+          events.push_back("exit " + std::to_string(status));
+          ++exits;
+        });
+  }
+  bool waitExit(int n = 1, std::chrono::milliseconds limit = 20s) {
+    return test::pumpUntil(
+        loop, [&] { return exits >= n; }, limit);
+  }
+
+  test::TempDir dir;
+  EventLoop loop;
+  ShellRunner runner{loop};
+  std::vector<std::string> events;
+  int exits = 0;
+  int count = 0;
+};
+
+TEST_F(ShellRunnerTest, LinesArriveInOrderAndTheExitComesLast) {
+  start(
+      "echo one\n"
+      "echo\n"                   // empty: dropped
+      "printf 'bad \\377\\n'\n"  // not UTF-8: dropped, the next line survives
+      "echo 'two' >&2\n"
+      "sleep 0.1\n"
+      "printf 'cr\\r\\n'\n"
+      "printf 'tail-err' >&2\n"
+      "printf 'tail-out'\n"
+      "exit 3\n");
+  EXPECT_TRUE(runner.isRunning());
+  ASSERT_TRUE(waitExit());
+  EXPECT_EQ(events, (std::vector<std::string>{"one", "[STDERR] two", "cr\r", "tail-out",
+                                              "[STDERR] tail-err", "exit 3"}));
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_FALSE(runner.processId());
+}
+
+TEST_F(ShellRunnerTest, ManyLinesAndLongLinesSurviveTheReadBuffer) {
+  start(
+      "for i in $(seq 1 5000); do echo \"line $i\"; done\n"
+      "head -c 200000 /dev/zero | tr '\\0' x; echo\n");
+  ASSERT_TRUE(waitExit());
+  ASSERT_EQ(events.size(), 5002u);
+  EXPECT_EQ(events[4999], "line 5000");
+  EXPECT_EQ(events[5000], std::string(200000, 'x'));
+}
+
+TEST_F(ShellRunnerTest, ChildSeesTheFixedSearchPathFirstAndRunsInTheGivenFolder) {
+  start("echo \"$PATH\"\npwd\n");
+  ASSERT_TRUE(waitExit());
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[0], childSearchPath());
+  EXPECT_TRUE(events[0].starts_with("/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin:"));
+  EXPECT_EQ(std::filesystem::canonical(events[1]), std::filesystem::canonical(dir.path()));
+}
+
+TEST_F(ShellRunnerTest, CancelEndsTheWholeGroupEvenAToolThatIgnoresSigterm) {
+  // bash waits on a child that shrugs off SIGTERM, as a busy engine tool might.
+  start("echo started\nbash -c 'trap \"\" TERM; while :; do sleep 0.05; done'\necho never\n");
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return !events.empty(); }, 10s));
+  const pid_t group = *runner.processId();
+  ASSERT_GE(test::liveMembers(group).size(), 2u);
+  const auto t0 = std::chrono::steady_clock::now();
+  runner.cancel();
+  EXPECT_FALSE(runner.isRunning());
+  ASSERT_TRUE(waitExit(1, 10s));
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return test::liveMembers(group).empty(); }, 10s));
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 4s);
+  EXPECT_EQ(events.back(), "exit " + std::to_string(128 + SIGTERM));
+  std::this_thread::sleep_for(200ms);
+  loop.runUntilIdle();
+  EXPECT_EQ(exits, 1);
+}
+
+TEST_F(ShellRunnerTest, AStaleRunsExitDoesNotClearTheNewRun) {
+  start("trap 'sleep 0.3; exit 5' TERM\nsleep 5 & wait\n");
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return runner.processId().has_value(); }, 5s));
+  std::this_thread::sleep_for(100ms);  // let bash install its trap
+  start("sleep 1\necho second\n");     // cancels the first, which takes a while to go
+  const pid_t second = *runner.processId();
+  ASSERT_TRUE(waitExit(1));
+  EXPECT_EQ(events.front(), "exit 5");
+  EXPECT_TRUE(runner.isRunning());
+  EXPECT_EQ(runner.processId(), second);
+  ASSERT_TRUE(waitExit(2));
+  EXPECT_EQ(events.back(), "exit 0");
+  EXPECT_FALSE(runner.isRunning());
+}
+
+TEST_F(ShellRunnerTest, CancelWithNothingRunningIsHarmless) {
+  runner.cancel();
+  EXPECT_FALSE(runner.isRunning());
+  start("exit 0\n");
+  ASSERT_TRUE(waitExit());
+  runner.cancel();  // after the end: nothing to signal
+  EXPECT_EQ(events, (std::vector<std::string>{"exit 0"}));
+}
+
+TEST_F(ShellRunnerTest, AFailedLaunchIsThrownAndLeavesTheRunnerMarkedRunning) {
+  EXPECT_THROW(
+      runner.run(
+          script("exit 0\n"), dir / "no-such-folder", [](const std::string&) {}, [](int) {}),
+      SpawnError);
+  EXPECT_TRUE(runner.isRunning());
+  runner.cancel();
+  EXPECT_FALSE(runner.isRunning());
+}
+
+}  // namespace
+}  // namespace melvo
