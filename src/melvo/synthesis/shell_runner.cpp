@@ -64,9 +64,21 @@ struct ShellRunner::Reader {
     buf.erase(0, from);
   }
 
+  // Lines of one read go to the main queue as one job: a chatty engine then costs the main
+  // queue one wakeup per burst rather than one per line, and the order stays as it was.
+  std::vector<std::string> pending;
+
   void deliver(std::string_view bytes, const char* prefix) {
     if (bytes.empty() || !text::isValidUtf8(bytes)) return;
-    post([this, line = std::string(prefix) + std::string(bytes)] { onLine(line); });
+    pending.push_back(std::string(prefix) + std::string(bytes));
+  }
+
+  void flush() {
+    if (pending.empty()) return;
+    post([this, lines = std::move(pending)] {
+      for (const auto& line : lines) onLine(line);
+    });
+    pending.clear();
   }
 
   // Reads what is there now. False once the pipe has reached its end.
@@ -78,9 +90,10 @@ struct ShellRunner::Reader {
         splitLines(buf, prefix);
         continue;
       }
-      if (n == 0) return false;
-      if (errno == EINTR) continue;
-      return true;  // EAGAIN and real errors: the next wakeup or the final drain reads on
+      if (n < 0 && errno == EINTR) continue;
+      flush();
+      // EAGAIN and real errors: the next wakeup or the final drain reads on.
+      return n != 0;
     }
   }
 
@@ -116,6 +129,7 @@ struct ShellRunner::Reader {
     finished = true;
     deliver(outBuf, "");
     deliver(errBuf, "[STDERR] ");
+    flush();
     outBuf.clear();
     errBuf.clear();
     out.close(ignored);
