@@ -1,0 +1,182 @@
+// The gate's reading of a track, its refusal, the engine's log and voice ranges.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "melvo/checking/synthesis_gate.h"
+#include "melvo/interchange/musicxml_exporter.h"
+#include "score_validator_support.h"
+#include "support/test_support.h"
+
+namespace melvo {
+namespace {
+
+using Kind = SynthesisGate::Kind;
+using test::note;
+using test::song;
+
+std::vector<std::optional<Kind>> kinds(const std::vector<NoteEvent>& notes) {
+  NoteList list(notes);
+  auto map = SynthesisGate::noteKinds(list);
+  std::vector<std::optional<Kind>> out;
+  for (const auto& n : notes) {
+    auto it = map.find(n.id);
+    out.push_back(it == map.end() ? std::nullopt : std::optional<Kind>(it->second));
+  }
+  return out;
+}
+
+TEST(GateReading, ChouonMustFollowItsNoteWithoutAnyRest) {
+  EXPECT_EQ(kinds({note(0, 480, "か"), note(481, 480, "ー")})[1], Kind::macronAfterRest);
+  EXPECT_EQ(kinds({note(0, 480, "か"), note(480, 480, "ー")})[1], std::nullopt);
+  EXPECT_EQ(kinds({note(0, 480, "ー")})[0], Kind::macronAfterRest);
+  // After a lyric the engine cannot read, ー fails for the same reason: fixing the lyric
+  // before fixes both.
+  auto k = kinds({note(0, 480, "ヶ"), note(480, 480, "ー"), note(960, 480, "ー")});
+  EXPECT_EQ(k[0], Kind::undefinedLyric);
+  EXPECT_EQ(k[1], Kind::macronAfterRest);
+  EXPECT_EQ(k[2], Kind::macronAfterRest);
+  // Overlapping notes are cut by the score, so the ー follows at once there.
+  EXPECT_EQ(kinds({note(0, 600, "か"), note(480, 480, "ー")})[1], std::nullopt);
+}
+
+TEST(GateReading, LoneSokuonAtAPhraseHead) {
+  EXPECT_EQ(kinds({note(0, 240, "っ"), note(240, 240, "っ")})[1], Kind::afterStrandedSokuon);
+  EXPECT_EQ(kinds({note(0, 240, "っ"), note(240, 240, "ー")})[1], Kind::afterStrandedSokuon);
+  EXPECT_EQ(kinds({note(0, 240, "っ"), note(240, 240, "か")})[1], std::nullopt);
+  EXPECT_EQ(kinds({note(0, 240, "っ"), note(480, 240, "っ")})[1], std::nullopt);
+  // Inside a phrase っ has a vowel to hold.
+  EXPECT_EQ(kinds({note(0, 240, "か"), note(240, 240, "っ"), note(480, 240, "っ")})[2],
+            std::nullopt);
+}
+
+TEST(GateReading, PhonemesEmptyLyricsAndChords) {
+  auto k = kinds({note(0, 480, "きゃきゃきゃきゃ"), note(480, 480, "きゃきゃきゃきゃあ"),
+                  note(960, 480, " ")});
+  EXPECT_EQ(k[0], std::nullopt);
+  EXPECT_EQ(k[1], Kind::tooManyPhonemes);
+  EXPECT_EQ(k[2], Kind::emptyLyric);
+  // The note the writer drops at a chord is not read at all.
+  auto chord = kinds({note(0, 480, ""), note(0, 480, "か")});
+  EXPECT_EQ(chord[0], std::nullopt);
+  EXPECT_EQ(chord[1], std::nullopt);
+}
+
+// The gate reads the same line the score writer writes.
+TEST(GateReading, LineMatchesTheWriter) {
+  std::mt19937 random(3);
+  std::vector<NoteEvent> notes;
+  for (int i = 0; i < 300; ++i)
+    notes.push_back(
+        note(random() % 4000, 1 + random() % 400, random() % 3 ? "か" : "", 60 + random() % 5));
+  NoteList list(notes);
+  TrackLine line = TrackLine::of(list, 480);
+  auto written = MusicXMLExporter::normalizedNotes(list, 480);
+  std::size_t k = 0;
+  for (std::size_t i = 0; i < line.notes.size(); ++i) {
+    if (!line.sung[i]) continue;
+    ASSERT_LT(k, written.size());
+    EXPECT_EQ(line.notes[i]->id, written[k].id);
+    EXPECT_EQ(line.ends[i], written[k].endTick());
+    ++k;
+  }
+  EXPECT_EQ(k, written.size());
+}
+
+TEST(GateProblems, RefusalNamesTheNotes) {
+  test::JapaneseTexts ja;
+  auto d = song({note(0, 480, "か", 22), note(480, 480, "さ", 23), note(960, 480, "！")});
+  auto problems = SynthesisGate::problems(d, {});
+  ASSERT_EQ(problems.size(), 2u);
+  EXPECT_EQ(problems[0].kind, Kind::pitchTooLow);
+  EXPECT_EQ(problems[0].text, "音が低すぎて NEUTRINO が止まります（A#0。B0 以上にしてください）");
+  EXPECT_EQ(problems[1].kind, Kind::undefinedLyric);
+  EXPECT_EQ(SynthesisGate::refusal(problems),
+            "NEUTRINO が歌えない音が 2 "
+            "音あります。このまま合成すると曲全体が失敗するため、合成を止めました。");
+  problems.erase(problems.begin());
+  std::string list = SynthesisGate::refusalWithList(problems);
+  EXPECT_EQ(list.rfind("NEUTRINO が歌えない歌詞が 1 音あります。", 0), 0u);
+  EXPECT_NE(list.find("\nTr.1 1小節目3拍  ！  読めない歌詞\n"), std::string::npos);
+
+  MusicDocument empty;
+  auto none = SynthesisGate::problems(empty, {empty.tracks[0].id});
+  ASSERT_EQ(none.size(), 1u);
+  EXPECT_EQ(none[0].kind, Kind::noSungNotes);
+  EXPECT_EQ(SynthesisGate::refusal(none),
+            "歌う音がないため、合成を止めました（合成しても何も歌いません）。");
+  EXPECT_TRUE(SynthesisGate::problems(song({note(0, 480, "か")}), {}).empty());
+}
+
+TEST(GateProblems, NotesPastBarTwoThousand) {
+  const std::int64_t bar = 1920;
+  auto d = song(
+      {note(0, 480, "か"), note(1999 * bar + 960, 2 * bar, "さ"), note(2001 * bar, 480, "た")});
+  auto problems = SynthesisGate::problems(d, {});
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_EQ(problems[0].kind, Kind::beyondBarLimit);
+  EXPECT_EQ(problems[0].noteID, d.tracks[0].notes[1].id);
+  EXPECT_FALSE(SynthesisGate::refusal(problems).empty());
+  auto rows = validate(d, {}, {});
+  auto limit = std::count_if(rows.begin(), rows.end(), [](auto& r) {
+    return r.category == ValidationIssue::Category::beyondExportLimit &&
+           r.severity == ValidationIssue::Severity::error;
+  });
+  EXPECT_EQ(limit, 1);
+}
+
+TEST(GateLog, BothLanguagesAndTheAddedRestBar) {
+  auto english = SynthesisGate::parseLog({"Error: Undefined lyric `ぴゃ` in measure 5", "done"});
+  ASSERT_EQ(english.hits.size(), 1u);
+  EXPECT_EQ(english.hits[0], (SynthesisGate::LogHit{5, "ぴゃ"}));
+  EXPECT_FALSE(english.restAdded);
+  auto japanese = SynthesisGate::parseLog(
+      {"Added a rest to the first measure", "5小節目に未定義の歌詞「ぴゃ」があります"});
+  ASSERT_EQ(japanese.hits.size(), 1u);
+  EXPECT_EQ(japanese.hits[0], (SynthesisGate::LogHit{5, "ぴゃ"}));
+  EXPECT_TRUE(japanese.restAdded);
+  auto bare = SynthesisGate::parseLog({"something odd in measure 12", "3 小節目で停止"});
+  ASSERT_EQ(bare.hits.size(), 2u);
+  EXPECT_EQ(bare.hits[0], (SynthesisGate::LogHit{12, std::nullopt}));
+  EXPECT_EQ(bare.hits[1], (SynthesisGate::LogHit{3, std::nullopt}));
+
+  // Bar 5 holds か then ぴゃ; bar 4 holds さ.
+  auto d = song(
+      {note(3 * 1920, 480, "さ"), note(4 * 1920, 480, "か"), note(4 * 1920 + 480, 480, "ぴゃ")});
+  const auto& notes = d.tracks[0].notes;
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, english.hits[0], false), notes[2].id);
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, {5, std::nullopt}, false), notes[1].id);
+  // The engine counted its added rest bar: its bar 5 is our bar 4.
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, japanese.hits[0], true), notes[0].id);
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, {1, std::nullopt}, true), std::nullopt);
+}
+
+TEST(GateVoices, RangeFromTheModelWithFallbackAndCache) {
+  test::TempDir engine;
+  std::filesystem::create_directories(engine.path() / "model" / "A");
+  test::writeText(engine.path() / "model" / "A" / "info.toml",
+                  "name = \"A\"\nbottom_key = \"F#2\"\r\ntop_key = 'Bb5' # highest\n");
+  std::filesystem::create_directories(engine.path() / "model" / "B");
+  test::writeText(engine.path() / "model" / "B" / "info.toml", "bottom_key = \"C3\"\n");
+  SynthesisGate::clearVoiceRangeCache();
+  auto a = SynthesisGate::voiceRange(engine.path(), "A");
+  ASSERT_TRUE(a);
+  EXPECT_EQ(*a, (VoiceRange::Range{42, 82, "A", true}));
+  EXPECT_FALSE(SynthesisGate::voiceRange(engine.path(), "B"));  // a key is missing
+  EXPECT_FALSE(SynthesisGate::voiceRange(engine.path(), "C"));  // no model
+  // Read once per voice.
+  std::filesystem::remove(engine.path() / "model" / "A" / "info.toml");
+  EXPECT_TRUE(SynthesisGate::voiceRange(engine.path(), "A"));
+  SynthesisGate::clearVoiceRangeCache();
+  EXPECT_FALSE(SynthesisGate::voiceRange(engine.path(), "A"));
+
+  EXPECT_EQ(VoiceRange::pitchFromNoteName("C4"), 60);
+  EXPECT_EQ(VoiceRange::pitchFromNoteName("C-1"), 0);
+  EXPECT_EQ(VoiceRange::pitchFromNoteName("d♭3"), 49);
+  EXPECT_EQ(VoiceRange::pitchFromNoteName("H2"), std::nullopt);
+  EXPECT_EQ(VoiceRange::pitchFromNoteName("G9"), 127);
+  EXPECT_EQ(VoiceRange::pitchFromNoteName("A9"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace melvo
