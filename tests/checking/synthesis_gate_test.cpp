@@ -117,6 +117,16 @@ TEST(GateProblems, NotesPastBarTwoThousand) {
   EXPECT_EQ(problems[0].kind, Kind::beyondBarLimit);
   EXPECT_EQ(problems[0].noteID, d.tracks[0].notes[1].id);
   EXPECT_FALSE(SynthesisGate::refusal(problems).empty());
+  // The loss read off the line is the writer's own report.
+  auto report = MusicXMLExporter::exportLimitReport(d, 0);
+  ASSERT_TRUE(report);
+  TrackLine line = TrackLine::of(d.tracks[0].notes, d.ppq);
+  auto loss = ceilingLoss(line, scoreCeilingTick(d));
+  EXPECT_EQ(scoreCeilingTick(d), report->limitTick);
+  ASSERT_EQ(loss.beyond.size(), report->beyond.size());
+  ASSERT_EQ(loss.crossing.size(), report->crossing.size());
+  EXPECT_EQ(line.notes[loss.beyond[0]]->id, report->beyond[0].id);
+  EXPECT_EQ(line.notes[loss.crossing[0]]->id, report->crossing[0].id);
   auto rows = validate(d, {}, {});
   auto limit = std::count_if(rows.begin(), rows.end(), [](auto& r) {
     return r.category == ValidationIssue::Category::beyondExportLimit &&

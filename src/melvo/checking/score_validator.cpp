@@ -6,7 +6,6 @@
 #include <map>
 
 #include "melvo/checking/score_validator_internal.h"
-#include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/text.h"
 
@@ -420,15 +419,11 @@ void checkOverlaps(TrackCheck& c, bool cleanupTrims) {
 }
 
 void checkBarCeiling(TrackCheck& c, std::optional<std::int64_t> ceiling) {
-  if (!ceiling) return;
-  bool passes = false;
-  for (const auto* e : c.line.notes) passes = passes || e->endTick() > *ceiling;
-  if (!passes) return;
-  auto report = MusicXMLExporter::exportLimitReport(c.document, c.trackIndex);
-  if (!report) return;
+  const CeilingLoss loss = ceilingLoss(c.line, ceiling);
+  if (loss.empty()) return;
   std::vector<const NoteEvent*> beyond, crossing, all;
-  for (const auto& e : report->beyond) beyond.push_back(&e);
-  for (const auto& e : report->crossing) crossing.push_back(&e);
+  for (std::size_t i : loss.beyond) beyond.push_back(c.line.notes[i]);
+  for (std::size_t i : loss.crossing) crossing.push_back(c.line.notes[i]);
   all = crossing;
   all.insert(all.end(), beyond.begin(), beyond.end());
   std::stable_sort(all.begin(), all.end(),

@@ -226,16 +226,19 @@ std::optional<std::int64_t> scoreCeilingTick(const MusicDocument& document) {
   return bars.back().startTick + bars.back().tpBar;
 }
 
-namespace {
-
-bool mayPassBarCeiling(std::optional<std::int64_t> ceiling, const MusicTrack& track) {
-  if (!ceiling) return false;
-  for (const NoteEvent& n : track.notes)
-    if (n.endTick() > *ceiling) return true;
-  return false;
+CeilingLoss ceilingLoss(const TrackLine& line, std::optional<std::int64_t> ceiling) {
+  CeilingLoss loss;
+  if (!ceiling) return loss;
+  for (std::size_t i = 0; i < line.notes.size(); ++i) {
+    if (!line.sung[i]) continue;
+    if (line.notes[i]->tick >= *ceiling) {
+      loss.beyond.push_back(i);
+    } else if (line.ends[i] > *ceiling) {
+      loss.crossing.push_back(i);
+    }
+  }
+  return loss;
 }
-
-}  // namespace
 
 std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument& document,
                                                             const std::vector<Uuid>& sungTrackIDs,
@@ -299,19 +302,18 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
                        place(n.tick)});
       }
     }
-    if (mayPassBarCeiling(ceiling, track)) {
-      if (auto report = MusicXMLExporter::exportLimitReport(document, t)) {
-        const NoteEvent* first = nullptr;
-        for (const auto* list : {&report->crossing, &report->beyond})
-          for (const auto& n : *list)
-            if (!first || n.tick < first->tick) first = &n;
-        std::size_t count = report->beyond.size() + report->crossing.size();
-        out.push_back({first->id, t, first->tick, first->lyric, Kind::beyondBarLimit,
-                       trf("2000 小節目より後ろにかかる音 %d 個は、その部分を書き出せないため歌いま"
-                           "せん。曲を分けるか、遠くの音を前へ移してください",
-                           {std::to_string(count)}),
-                       place(first->tick)});
-      }
+    const CeilingLoss loss = ceilingLoss(line, ceiling);
+    if (!loss.empty()) {
+      const std::size_t first =
+          std::min(loss.crossing.empty() ? line.notes.size() : loss.crossing[0],
+                   loss.beyond.empty() ? line.notes.size() : loss.beyond[0]);
+      const NoteEvent& n = *line.notes[first];
+      std::size_t count = loss.beyond.size() + loss.crossing.size();
+      out.push_back({n.id, t, n.tick, n.lyric, Kind::beyondBarLimit,
+                     trf("2000 小節目より後ろにかかる音 %d 個は、その部分を書き出せないため歌いま"
+                         "せん。曲を分けるか、遠くの音を前へ移してください",
+                         {std::to_string(count)}),
+                     place(n.tick)});
     }
   }
   return out;

@@ -137,6 +137,16 @@ class SynthesisGate {
 // building the export report in the usual case.
 std::optional<std::int64_t> scoreCeilingTick(const MusicDocument& document);
 
+// What the score loses of one track at the bar ceiling, as the writer's export report says it
+// (checked against it), but read off the prepared line without copying the notes: indices
+// into line.notes of sung notes that start at or past `ceiling`, and of those that cross it.
+struct CeilingLoss {
+  std::vector<std::size_t> beyond;
+  std::vector<std::size_t> crossing;
+  bool empty() const { return beyond.empty() && crossing.empty(); }
+};
+CeilingLoss ceilingLoss(const TrackLine& line, std::optional<std::int64_t> ceiling);
+
 const char* gateKindName(SynthesisGate::Kind kind);
 
 }  // namespace melvo
