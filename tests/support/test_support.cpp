@@ -78,9 +78,15 @@ RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::
   for (auto& a : argStore) argv.push_back(a.data());
   argv.push_back(nullptr);
 
-  std::vector<std::string> envStore;
-  for (char** e = environ; *e; ++e) envStore.emplace_back(*e);
-  envStore.insert(envStore.end(), env.begin(), env.end());
+  // Entries given here replace the inherited ones: getenv() would find the first of two.
+  std::vector<std::string> envStore(env.begin(), env.end());
+  for (char** e = environ; *e; ++e) {
+    std::string_view entry(*e);
+    std::string_view key = entry.substr(0, entry.find('=') + 1);
+    bool overridden = false;
+    for (const auto& given : env) overridden = overridden || given.rfind(key, 0) == 0;
+    if (!overridden) envStore.emplace_back(entry);
+  }
   std::vector<char*> envp;
   for (auto& e : envStore) envp.push_back(e.data());
   envp.push_back(nullptr);
