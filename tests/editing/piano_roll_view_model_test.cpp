@@ -114,12 +114,12 @@ TEST(UndoHistory, CurveAndTimingEntriesRestoreTheirArrays) {
   vm.setEditedPitchCurve(PitchCurve{{100, 200, 300}});
   vm.pushF0Undo("編集");
   vm.setEditedPitchCurve(PitchCurve{{110, 220, 330}});
-  vm.setPhonemes(PhonemeList{{"a", 0, 0.1}});
+  vm.setPhonemes(PhonemeList{{{0, 1000000, "a"}}});
   vm.pushTimingUndo("編集");
-  vm.setPhonemes(PhonemeList{{"a", 0, 0.2}});
+  vm.setPhonemes(PhonemeList{{{0, 2000000, "a"}}});
 
   vm.undo();
-  EXPECT_EQ(vm.phonemes()->front().endSec, 0.1);
+  EXPECT_EQ(vm.phonemes()->phonemes.front().endSec(), 0.1);
   vm.undo();
   EXPECT_EQ(vm.editedPitchCurve()->frequencies, (std::vector<float>{100, 200, 300}));
   vm.redo();

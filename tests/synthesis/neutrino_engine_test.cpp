@@ -10,8 +10,8 @@
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
-#include "melvo/synthesis/phoneme_list.h"
-#include "melvo/synthesis/pitch_curve.h"
+#include "melvo/editing/phoneme_list.h"
+#include "melvo/editing/pitch_curve.h"
 #include "support/test_support.h"
 #include "synthesis/engine_test_support.h"
 

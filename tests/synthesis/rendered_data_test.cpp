@@ -5,8 +5,8 @@
 #include <limits>
 
 #include "melvo/platform/log.h"
-#include "melvo/synthesis/phoneme_list.h"
-#include "melvo/synthesis/pitch_curve.h"
+#include "melvo/editing/phoneme_list.h"
+#include "melvo/editing/pitch_curve.h"
 #include "support/test_support.h"
 
 namespace melvo {

@@ -1,4 +1,4 @@
-#include "melvo/synthesis/phoneme_list.h"
+#include "melvo/editing/phoneme_list.h"
 
 #include <charconv>
 #include <unordered_set>
@@ -8,7 +8,7 @@
 #include "melvo/platform/log.h"
 #include "melvo/platform/text.h"
 
-namespace melvo::rendered {
+namespace melvo {
 namespace {
 
 const std::unordered_set<std::string>& knownPhonemes() {
@@ -130,4 +130,4 @@ std::string displaySymbol(std::string_view symbol) {
   return std::string(symbol);
 }
 
-}  // namespace melvo::rendered
+}  // namespace melvo

@@ -1,4 +1,4 @@
-#include "melvo/synthesis/pitch_curve.h"
+#include "melvo/editing/pitch_curve.h"
 
 #include <algorithm>
 #include <array>
@@ -6,11 +6,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "melvo/editing/phoneme_list.h"
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/log.h"
-#include "melvo/synthesis/phoneme_list.h"
 
-namespace melvo::rendered {
+namespace melvo {
 
 PitchCurve PitchCurve::parse(std::string_view bytes) {
   if (bytes.size() % 4 != 0)
@@ -135,4 +135,4 @@ std::optional<double> checkLeadIn(const PhonemeList& phonemes, double scoreLeadI
   return diff;
 }
 
-}  // namespace melvo::rendered
+}  // namespace melvo

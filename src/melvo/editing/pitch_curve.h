@@ -9,7 +9,6 @@
 #include <vector>
 
 namespace melvo {
-inline namespace rendered {
 
 struct PhonemeList;
 
@@ -46,5 +45,4 @@ struct PitchCurve {
 std::optional<double> checkLeadIn(const PhonemeList& phonemes, double scoreLeadInSec,
                                   std::int64_t firstNoteTick);
 
-}  // namespace rendered
 }  // namespace melvo

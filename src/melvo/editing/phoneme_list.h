@@ -10,9 +10,6 @@
 #include <vector>
 
 namespace melvo {
-// An inline namespace gives these records their own link names: an older definition of the
-// same names elsewhere must fail to compile beside them, never merge with them at link time.
-inline namespace rendered {
 
 struct Phoneme {
   // Label units of 100 ns, as the file has them: 10,000,000 to the second.
@@ -51,5 +48,4 @@ std::string displaySymbol(std::string_view symbol);
 // The engine's phoneme set: every phoneme of the kana table and the marks sil, pau, br, cl.
 bool isKnownPhoneme(std::string_view symbol);
 
-}  // namespace rendered
 }  // namespace melvo
