@@ -1,0 +1,223 @@
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <cmath>
+#include <regex>
+
+#include "melvo/platform/event_loop.h"
+#include "melvo/platform/i18n.h"
+#include "melvo/platform/paths.h"
+#include "melvo/synthesis/multi_track_synthesizer.h"
+#include "support/test_support.h"
+#include "synthesis/engine_test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace melvo {
+namespace {
+
+using namespace std::chrono_literals;
+using Synth = MultiTrackSynthesizer;
+
+std::vector<float> samples(const fs::path& wav, int* channels = nullptr) {
+  SF_INFO info{};
+  SNDFILE* f = sf_open(wav.c_str(), SFM_READ, &info);
+  EXPECT_NE(f, nullptr) << wav;
+  if (!f) return {};
+  std::vector<float> all(static_cast<std::size_t>(info.frames * info.channels));
+  sf_readf_float(f, all.data(), info.frames);
+  sf_close(f);
+  if (channels) *channels = info.channels;
+  return all;
+}
+
+TEST(RenderPlanTest, GainsFollowMuteSoloAndTheVolumeRange) {
+  MusicDocument d;
+  d.tracks.resize(3);
+  d.tracks[0].volume = 2.0;
+  d.tracks[1].volume = -1.0;
+  d.tracks[2].volume = 0.7;
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 0), 1.5f);
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 1), 0.0f);
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 2), 0.7f);
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 3), 0.0f);
+  d.tracks[2].isSolo = true;
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 0), 0.0f);
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 2), 0.7f);
+  d.tracks[2].isMuted = true;  // a muted solo silences only itself
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 0), 1.5f);
+  EXPECT_FLOAT_EQ(Synth::mixGain(d, 2), 0.0f);
+
+  // Track progress folds into the whole, and only the mix may reach 100.
+  EXPECT_DOUBLE_EQ(Synth::overallProgress(1, 2, 50), 75);
+  EXPECT_DOUBLE_EQ(Synth::overallProgress(1, 2, 250), 99);
+  EXPECT_DOUBLE_EQ(Synth::overallProgress(1, 4, -3), 25);
+}
+
+TEST(RenderPlanTest, RunFolderAndTrackFoldersHaveSafeNames) {
+  test::TempHome home;
+  const auto when = std::chrono::system_clock::time_point(1'700'000'000'123ms);
+  const fs::path run = Synth::runFolder("My song/2", when);
+  EXPECT_EQ(run.parent_path(), paths::musicDir() / "Melvo");
+  EXPECT_TRUE(std::regex_match(run.filename().string(),
+                               std::regex(R"(My_song_2_\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d-123)")))
+      << run;
+
+  MusicDocument d;
+  d.tracks[0].name = "a/b c";
+  d.tracks[0].notes = NoteList({NoteEvent::make(Uuid::random(), 0, 480, 60, 100, "ら")});
+  d.tempoMap = {{0, 90}};
+  const auto plans = Synth::plan(d, {0}, run);
+  ASSERT_EQ(plans.size(), 1u);
+  EXPECT_EQ(plans[0].outputDir, run / "track1_a_b_c");
+  const std::string score = test::readText(plans[0].xmlPath);
+  EXPECT_NE(score.find("<per-minute>90</per-minute>"), std::string::npos);
+}
+
+// Songs rendered by the stand-in engine through the real driver.
+class RenderSeriesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    i18n::setLanguage("ja");
+    ASSERT_TRUE(fs::exists(test::standInEngine() / "bin" / "neutrino"));
+    for (const char* v : {"alto", "soprano"})
+      fs::create_directories(home.path() / "engine" / "model" / v);
+    fs::create_symlink(test::standInEngine() / "bin", home.path() / "engine" / "bin");
+    config.neutrinoDirectory = (home.path() / "engine").string();
+    config.numThreads = 1;
+  }
+  void TearDown() override { i18n::setLanguage("en"); }
+
+  static MusicTrack track(const std::string& name, const std::string& voice, int pitch) {
+    MusicTrack t;
+    t.name = name;
+    t.characterName = voice;
+    std::vector<NoteEvent> notes;
+    const char* lyrics[] = {"さ", "く", "ら", "さ"};
+    for (int i = 0; i < 4; ++i)
+      notes.push_back(NoteEvent::make(Uuid::random(), 480 * i, 480, pitch + i, 100, lyrics[i]));
+    t.notes = NoteList(std::move(notes));
+    return t;
+  }
+
+  Synth::Result render(const MusicDocument& d, std::vector<int> tracks = {}) {
+    std::optional<Synth::Result> result;
+    int calls = 0;
+    synth.render(
+        d, runDir, config, std::move(tracks),
+        [this](double p, const std::string&, std::optional<double>) { progress.push_back(p); },
+        [this](const std::string& l) { log.push_back(l); },
+        [&](Synth::Result r) {
+          ++calls;
+          result = std::move(r);
+        });
+    EXPECT_TRUE(test::pumpUntil(
+        loop, [&] { return result.has_value(); }, 120s));
+    loop.runUntilIdle();
+    EXPECT_EQ(calls, 1);
+    return result.value_or(Synth::Result{});
+  }
+  std::size_t logIndex(const std::string& s) const {
+    for (std::size_t i = 0; i < log.size(); ++i)
+      if (log[i].find(s) != std::string::npos) return i;
+    return log.size();
+  }
+
+  test::TempHome home;
+  EventLoop loop;
+  NEUTRINOEngine engine{loop};
+  Synth synth{loop, engine};
+  NEUTRINOConfig config;
+  fs::path runDir = home.path() / "run";
+  std::vector<double> progress;
+  std::vector<std::string> log;
+};
+
+TEST_F(RenderSeriesTest, VoicedTracksRenderInOrderAndMixWithTheirGainAndPan) {
+  MusicDocument d;
+  d.tracks = {track("a/b c", "alto", 60), track("Low", "soprano", 55), track("Muted", "alto", 64),
+              track("Silent", "", 60)};
+  d.tracks[0].volume = 2.0;  // counts as 1.5
+  d.tracks[1].pan = -1.0;
+  d.tracks[2].isMuted = true;
+
+  const auto r = render(d);
+  ASSERT_TRUE(r.success) << ::testing::PrintToString(log);
+  ASSERT_EQ(r.rendered.size(), 2u);
+  EXPECT_EQ(r.rendered[0].wavPath, runDir / "track1_a_b_c" / "output.wav");
+  EXPECT_EQ(r.rendered[1].wavPath, runDir / "track2_Low" / "output.wav");
+  EXPECT_EQ(r.renderedTrackIDs, (std::vector<Uuid>{d.tracks[0].id, d.tracks[1].id}));
+  ASSERT_EQ(r.mixPath, runDir / "mix.wav");
+  EXPECT_LT(logIndex("▶ トラック 1/2: a/b c (alto)"), logIndex("▶ トラック 2/2: Low (soprano)"));
+  EXPECT_LT(logIndex("▶ トラック 2/2"), log.size());
+  EXPECT_FALSE(fs::exists(runDir / "track3_Muted"));
+
+  ASSERT_GE(progress.size(), 3u);
+  EXPECT_EQ(progress.back(), 100.0);
+  // The engine's own value may step back, but the whole stays below 100 until the mix, and
+  // the second track fills the second half.
+  for (std::size_t i = 0; i + 1 < progress.size(); ++i) EXPECT_LE(progress[i], 99.0);
+  EXPECT_GE(*std::max_element(progress.begin(), progress.end() - 1), 90.0);
+
+  // The mix, sample by sample, from the two voices as the engine left them.
+  int ch = 0;
+  const auto a = samples(r.rendered[0].wavPath, &ch);
+  ASSERT_EQ(ch, 1);
+  const auto b = samples(r.rendered[1].wavPath);
+  const auto mix = samples(*r.mixPath, &ch);
+  ASSERT_EQ(ch, 2);
+  ASSERT_EQ(mix.size() / 2, std::max(a.size(), b.size()));
+  float peak = 0;
+  for (std::size_t i = 0; i < mix.size() / 2; ++i) {
+    const float x = i < a.size() ? a[i] : 0, y = i < b.size() ? b[i] : 0;
+    peak = std::max({peak, std::fabs(1.5f * x + std::sqrt(2.0f) * y), std::fabs(1.5f * x)});
+  }
+  const float scale = peak > 0.95f ? 0.95f / peak : 1.0f;
+  EXPECT_NEAR(r.scale, scale, 1e-4);
+  for (std::size_t i = 0; i < mix.size() / 2; i += 37) {
+    const float x = i < a.size() ? a[i] : 0, y = i < b.size() ? b[i] : 0;
+    ASSERT_NEAR(mix[2 * i], scale * (1.5f * x + std::sqrt(2.0f) * y), 1e-4) << i;
+    ASSERT_NEAR(mix[2 * i + 1], scale * 1.5f * x, 1e-4) << i;
+  }
+}
+
+TEST_F(RenderSeriesTest, AMutedTrackAskedForIsRenderedButMixedSilent) {
+  MusicDocument d;
+  d.tracks = {track("Lead", "alto", 60), track("Muted", "soprano", 64)};
+  d.tracks[1].isMuted = true;
+  const auto r = render(d, {0, 1});
+  ASSERT_TRUE(r.success) << ::testing::PrintToString(log);
+  ASSERT_EQ(r.rendered.size(), 2u);
+  const auto a = samples(r.rendered[0].wavPath);
+  const auto mix = samples(*r.mixPath);
+  for (std::size_t i = 0; i < a.size(); i += 41) ASSERT_NEAR(mix[2 * i], r.scale * a[i], 1e-4);
+}
+
+TEST_F(RenderSeriesTest, AFailingTrackStopsTheSeriesWithoutAMix) {
+  test::writeText(home.path() / "engine" / "model" / "soprano" / "stand-in.conf", "mode=crash\n");
+  MusicDocument d;
+  d.tracks = {track("One", "alto", 60), track("Two", "soprano", 60), track("Three", "alto", 62)};
+  const auto r = render(d);
+  EXPECT_FALSE(r.success);
+  ASSERT_EQ(r.rendered.size(), 1u);
+  EXPECT_EQ(r.rendered[0].trackName, "One");
+  EXPECT_FALSE(r.mixPath);
+  EXPECT_FALSE(fs::exists(runDir / "mix.wav"));
+  EXPECT_LT(logIndex("⚠ トラック Two の合成に失敗しました"), log.size());
+  EXPECT_EQ(logIndex("3/3"), log.size());  // the third never started
+  EXPECT_FALSE(synth.isRunning());
+}
+
+TEST_F(RenderSeriesTest, NothingToSingFailsAtOnce) {
+  MusicDocument d;
+  d.tracks = {track("NoVoice", "", 60)};
+  const auto r = render(d);
+  EXPECT_FALSE(r.success);
+  EXPECT_TRUE(r.rendered.empty());
+  EXPECT_FLOAT_EQ(r.scale, 1.0f);
+  EXPECT_LT(logIndex("⚠ 合成対象のトラックがありません"), log.size());
+  EXPECT_FALSE(fs::exists(runDir));
+}
+
+}  // namespace
+}  // namespace melvo
