@@ -77,6 +77,24 @@ TEST_F(Rules, UnsungTracksAreSoftenedAndMutedTracksSkipped) {
   EXPECT_EQ(rowsOf(validate(d, {}, {}, {}, options), Cat::symbols)[0].severity, Sev::error);
 }
 
+// An importer's error about a track that won't be sung is softened the same way.
+TEST_F(Rules, NoticeRowsOfUnsungTracksAreSoftenedToo) {
+  static const ImportNoticeKind kFatal{
+      "testFatal", Sev::error, NoticeHandling::kept, Cat::importNotice, "%d", nullptr, {}};
+  MusicDocument d = song(legato({"か", "さ"}, 480));
+  d.tracks[0].characterName = "voice";
+  MusicTrack other;
+  other.notes = NoteList(legato({"た"}, 480));
+  d.tracks.push_back(other);
+  d.addNotice(kFatal, 0, std::nullopt, 0);
+  d.addNotice(kFatal, 1, std::nullopt, 0);
+  auto rows = rowsOf(check(d, {d.tracks[0].id}), Cat::importNotice);
+  ASSERT_EQ(rows.size(), 2u);
+  for (const auto& r : rows) {
+    EXPECT_EQ(r.severity, r.trackIndex == 1 ? Sev::warning : Sev::error) << r.trackIndex;
+  }
+}
+
 TEST_F(Rules, ShortRestThresholdIsASixteenth) {
   auto gapRows = [](std::int64_t gap) {
     return rowsOf(check(song({note(0, 480, "か"), note(480 + gap, 480, "さ")})),

@@ -736,6 +736,14 @@ std::vector<ValidationIssue> validate(
 
   std::vector<Issue> out;
   noticeRows(document, findings, out);
+  // Notice rows of a track that isn't sung are softened like the check's own rows.
+  for (Issue& row : out) {
+    auto notice = std::find_if(document.importNotices.begin(), document.importNotices.end(),
+                               [&](const ImportNotice& n) { return row.noticeID == n.id; });
+    if (notice == document.importNotices.end() || !notice->trackIndex) continue;
+    if (std::find(sung.begin(), sung.end(), *notice->trackIndex) == sung.end())
+      soften(row, !sungTrackIDs.empty());
+  }
   for (auto& r : songRows) out.push_back(std::move(r));
   for (auto& r : findings) out.push_back(std::move(r));
   checkMaps(document, ruler, out);
