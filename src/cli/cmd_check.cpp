@@ -1,6 +1,7 @@
 // melvo check FILE [--json] [--track N] [--engine DIR]: the score check as a list. Rows are
 // numbered from 1 and their suggestions from 1 within the row, so "3.2" names one repair of
 // one row; the list is the same for the same song, so the numbers stay valid between runs.
+// With --apply ROW.N --out OUT that repair is applied and the song written as a project.
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -8,9 +9,12 @@
 
 #include "cli/command.h"
 #include "melvo/checking/score_validator.h"
+#include "melvo/checking/suggestion_applier.h"
 #include "melvo/checking/synthesis_gate.h"
 #include "melvo/importers/import_entry.h"
 #include "melvo/model/bar_ruler.h"
+#include "melvo/model/project_file.h"
+#include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
 #include "melvo/platform/text.h"
@@ -23,6 +27,8 @@ struct Options {
   bool json = false;
   int track = -1;
   std::string engine;
+  std::string apply;
+  std::string out;
 };
 
 const char* severityText(ValidationIssue::Severity s) {
@@ -87,6 +93,67 @@ void printHuman(const MusicDocument& d, const std::vector<ValidationIssue>& rows
                           .c_str());
 }
 
+// "3.2" to the row and suggestion, both counted from 1 as the list prints them.
+std::optional<std::pair<std::size_t, std::size_t>> parseChoice(const std::string& s) {
+  const auto dot = s.find('.');
+  if (dot == std::string::npos || dot == 0 || dot + 1 == s.size()) return std::nullopt;
+  std::size_t row = 0, sug = 0;
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (i == dot) continue;
+    if (s[i] < '0' || s[i] > '9' || (i < dot ? row : sug) > 100000000) return std::nullopt;
+    (i < dot ? row : sug) = (i < dot ? row : sug) * 10 + static_cast<std::size_t>(s[i] - '0');
+  }
+  if (row == 0 || sug == 0) return std::nullopt;
+  return std::pair{row, sug};
+}
+
+int applyChoice(const Options& o, const MusicDocument& d,
+                const std::vector<ValidationIssue>& rows) {
+  const auto choice = parseChoice(o.apply);
+  if (!choice) {
+    printError(trf("--apply は「行.番号」の形で指定してください（例: 3.2）: %@", {o.apply}));
+    return 2;
+  }
+  const auto [r, k] = *choice;
+  if (r > rows.size() || k > rows[r - 1].suggestions.size()) {
+    printError(trf("直し方 %@ はありません", {o.apply}));
+    return 2;
+  }
+  const auto& row = rows[r - 1];
+  const auto& suggestion = row.suggestions[k - 1];
+  const RepairResult result = applySuggestion(d, row, suggestion);
+  try {
+    writeProject(result.document, o.out);
+  } catch (const FileError& e) {
+    printError(trf("保存に失敗しました: %@", {e.what()}));
+    return 1;
+  }
+  if (o.json) {
+    Json log = Json::array();
+    for (const auto& e : result.log)
+      log.push(Json::Object{{"track", e.trackIndex},
+                            {"tick", e.tick},
+                            {"action", e.action},
+                            {"before", e.before},
+                            {"after", e.after}});
+    std::printf("%s\n", Json(Json::Object{{"applied", suggestion.label},
+                                          {"complete", result.complete},
+                                          {"changes", std::move(log)}})
+                            .dump(JsonStyle::Pretty)
+                            .c_str());
+  } else {
+    std::printf("%s\n", trf("適用しました: %@", {suggestion.label}).c_str());
+    for (const auto& e : result.log)
+      std::printf("  %s  %s → %s\n", d.barRuler().positionText(e.tick).c_str(), e.before.c_str(),
+                  e.after.c_str());
+  }
+  if (!result.complete) {
+    printError(tr("直し方が指す音符の一部が見つかりませんでした"));
+    return 1;
+  }
+  return 0;
+}
+
 const bool registered = registerCommand(
     {"check", N_("曲を検査し、NEUTRINO が歌えない所と直し方を一覧にする"), 30,
      [](CLI::App& sub) -> CommandRun {
@@ -97,6 +164,10 @@ const bool registered = registerCommand(
            ->type_name("N");
        sub.add_option("--engine", opts->engine, tr("NEUTRINO のフォルダ（声の音域を読む）"))
            ->type_name("DIR");
+       sub.add_option("--apply", opts->apply, tr("一覧の直し方を1つ適用する（例: 3.2）"))
+           ->type_name("ROW.N");
+       sub.add_option("--out", opts->out, tr("直した曲を書き出すプロジェクトファイル"))
+           ->type_name("OUT");
        sub.footer(tr("エラーが1つでもあれば終了コード 1 を返します。"));
        return [opts] {
          MusicDocument d;
@@ -123,6 +194,13 @@ const bool registered = registerCommand(
          std::unordered_map<Uuid, VoiceRange::Range> ranges;
          if (!opts->engine.empty()) ranges = SynthesisGate::voiceRanges(d, opts->engine);
          auto rows = validate(d, sung, ranges, {}, options);
+         if (!opts->apply.empty() || !opts->out.empty()) {
+           if (opts->apply.empty() || opts->out.empty()) {
+             printError(tr("--apply と --out は一緒に指定してください"));
+             return 2;
+           }
+           return applyChoice(*opts, d, rows);
+         }
          if (opts->json) {
            std::printf("%s\n", toJson(rows).dump(JsonStyle::Pretty).c_str());
          } else {

@@ -1,0 +1,445 @@
+#include "melvo/checking/cleanup_engine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <utility>
+
+#include "melvo/app/reference_date.h"
+#include "melvo/checking/lyric_rules.h"
+#include "melvo/platform/i18n.h"
+#include "melvo/platform/text.h"
+
+namespace melvo {
+namespace {
+
+// The pass labels; they are also the keys of the report's counts.
+constexpr const char* kNfc = N_("濁点正規化（NFC）");
+constexpr const char* kUtau = N_("UTAU 残骸除去");
+constexpr const char* kOldKana = N_("古い仮名→今の仮名");
+constexpr const char* kSymbols = N_("記号除去");
+constexpr const char* kWhitespace = N_("空白除去");
+constexpr const char* kEmoji = N_("絵文字・制御文字除去");
+constexpr const char* kHalfWidth = N_("半角カナ→全角");
+constexpr const char* kKanji = N_("漢字→ひらがな");
+constexpr const char* kParticle = N_("助詞「を」→「お」");
+constexpr const char* kForeign = N_("外来音節（ヴ/ファ等）");
+constexpr const char* kChouon = N_("単独「ー」→前母音");
+constexpr const char* kSokuon = N_("単独「っ」→次音に統合");
+constexpr const char* kYouon = N_("単独「ゃゅょ」→前音に統合");
+constexpr const char* kSplit = N_("多音節→音節ごとに分割");
+constexpr const char* kZeroLength = N_("長さ 0 の音符を削除");
+constexpr const char* kTinyDeleted = N_("ごく短い音符を削除");
+constexpr const char* kTinyMerged = N_("ごく短い音符をまとめる");
+constexpr const char* kTempoDedup = N_("テンポ重複解消");
+constexpr const char* kMeterDedup = N_("拍子重複解消");
+
+// Spacing voiced marks that other software types after a kana; NFC leaves them apart, so
+// they become the combining marks first.
+std::string composeVoicedMarks(std::string_view lyric) {
+  std::string out;
+  std::size_t i = 0;
+  while (i < lyric.size()) {
+    char32_t c = text::nextScalar(lyric, i);
+    if (c == U'゛') c = 0x3099;
+    if (c == U'゜') c = 0x309A;
+    text::appendScalar(out, c);
+  }
+  return text::nfc(out);
+}
+
+std::string withoutScalars(std::string_view lyric, const std::function<bool(char32_t)>& drop) {
+  std::string out;
+  std::size_t i = 0;
+  while (i < lyric.size()) {
+    const char32_t c = text::nextScalar(lyric, i);
+    if (!drop(c)) text::appendScalar(out, c);
+  }
+  return out;
+}
+
+bool isLyricSymbol(char32_t c) {
+  return std::find(std::begin(lyricSymbols), std::end(lyricSymbols), c) != std::end(lyricSymbols);
+}
+
+// Pictographs, dingbats, variation selectors and tag characters: none is sung, and an emoji
+// sequence leaves nothing behind once all of its parts are gone.
+bool isEmojiScalar(char32_t c) {
+  return (c >= 0x1F000 && c <= 0x1FAFF) || (c >= 0x2600 && c <= 0x27BF) ||
+         (c >= 0x2B00 && c <= 0x2BFF) || (c >= 0xFE00 && c <= 0xFE0F) ||
+         (c >= 0xE0000 && c <= 0xE007F) || c == 0x200D || c == 0x20E3;
+}
+
+// "空(そら)" or "空（そら）": the reading in brackets, when there is one.
+std::optional<std::string> bracketReading(std::string_view lyric) {
+  for (auto [open, close] : {std::pair<std::string_view, std::string_view>{"(", ")"},
+                             std::pair<std::string_view, std::string_view>{"（", "）"}}) {
+    const auto a = lyric.find(open);
+    if (a == std::string_view::npos) continue;
+    const auto b = lyric.find(close, a + open.size());
+    if (b == std::string_view::npos) continue;
+    std::string inside(lyric.substr(a + open.size(), b - a - open.size()));
+    inside = withoutScalars(inside, [](char32_t c) { return isLyricSymbol(c); });
+    if (!text::trimWhitespace(inside).empty()) return inside;
+  }
+  return std::nullopt;
+}
+
+bool allKana(std::string_view s) {
+  std::size_t i = 0;
+  while (i < s.size())
+    if (!inKanaRange(text::nextScalar(s, i))) return false;
+  return !s.empty();
+}
+
+std::string joined(const std::vector<std::string>& parts) {
+  std::string out;
+  for (std::size_t k = 0; k < parts.size(); ++k) out += (k ? "／" : "") + parts[k];
+  return out;
+}
+
+class Cleaner {
+ public:
+  Cleaner(MusicDocument d, std::unordered_set<Uuid> keepWhole) : doc_(std::move(d)) {
+    report_.keepWhole = std::move(keepWhole);
+  }
+
+  // A pass that only rewrites lyrics: `rewrite` gives the new lyric, or nothing to keep it.
+  // The log may name a narrower action than the pass (a reading taken from brackets).
+  struct Rewrite {
+    std::string lyric;
+    const char* logLabel = nullptr;
+  };
+  void lyricPass(const char* label,
+                 const std::function<std::optional<Rewrite>(const NoteEvent&)>& f) {
+    begin(label);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i < notes.size(); ++i) {
+        auto r = f(notes[i]);
+        if (!r || r->lyric == notes[i].lyric) continue;
+        NoteEvent& n = notes.mutableAt(i);
+        record(label, n, t, n.lyric, r->lyric, r->logLabel);
+        n.lyric = std::move(r->lyric);
+        n.sourcePhonemes.reset();
+      }
+    });
+  }
+
+  void utauResidue() {
+    begin(kUtau);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i < notes.size();) {
+        const NoteEvent& n = notes[i];
+        const std::string_view trimmed = text::trimWhitespace(n.lyric);
+        if (trimmed == "R" || trimmed == "r") {
+          record(kUtau, n, t, n.lyric, tr("(休符)"));
+          notes.erase(i);
+          continue;
+        }
+        if (isUtauMarked(n.lyric)) {
+          std::string s = withoutScalars(trimmed, [](char32_t c) { return c == U'%'; });
+          while (text::endsWith(s, "強") || text::endsWith(s, "弱")) s.resize(s.size() - 3);
+          NoteEvent& m = notes.mutableAt(i);
+          record(kUtau, m, t, m.lyric, s);
+          m.lyric = std::move(s);
+        }
+        ++i;
+      }
+    });
+  }
+
+  void standaloneChouon() {
+    begin(kChouon);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 1; i < notes.size(); ++i) {
+        if (lyricForExport(notes[i].lyric) != "ー") continue;
+        const auto morae = splitMorae(lyricForExport(notes[i - 1].lyric));
+        if (morae.empty()) continue;
+        const auto vowel = vowelOf(morae.back());
+        if (!vowel) continue;
+        NoteEvent& n = notes.mutableAt(i);
+        record(kChouon, n, t, n.lyric, *vowel);
+        n.lyric = *vowel;
+      }
+    });
+  }
+
+  void standaloneSokuon() {
+    begin(kSokuon);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i + 1 < notes.size(); ++i) {
+        const std::string l = lyricForExport(notes[i].lyric);
+        if ((l != "っ" && l != "ッ") || notes[i + 1].tick != notes[i].endTick()) continue;
+        const NoteEvent gone = notes[i];
+        NoteEvent& next = notes.mutableAt(i + 1);
+        const std::string before = joined({gone.lyric, next.lyric});
+        next.duration = next.endTick() - gone.tick;
+        next.tick = gone.tick;
+        next.lyric = "っ" + next.lyric;
+        next.sourcePhonemes.reset();
+        record(kSokuon, next, t, before, next.lyric);
+        notes.erase(i);
+      }
+    });
+  }
+
+  void standaloneYouon() {
+    begin(kYouon);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 1; i < notes.size();) {
+        const std::string l = lyricForExport(notes[i].lyric);
+        const NoteEvent& prev = notes[i - 1];
+        if (!isCharacterIn(l, youonCharacters) || prev.pitch != notes[i].pitch ||
+            prev.tick >= notes[i].tick || lyricForExport(prev.lyric).empty()) {
+          ++i;
+          continue;
+        }
+        const NoteEvent gone = notes[i];
+        NoteEvent& p = notes.mutableAt(i - 1);
+        const std::string before = joined({p.lyric, gone.lyric});
+        p.duration = std::max(p.duration, gone.endTick() - p.tick);
+        p.lyric += l;
+        p.sourcePhonemes.reset();
+        record(kYouon, p, t, before, p.lyric);
+        notes.erase(i);
+      }
+    });
+  }
+
+  void multiSyllable() {
+    begin(kSplit);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i < notes.size(); ++i) {
+        const NoteEvent n = notes[i];
+        if (report_.keepWhole.count(n.id)) continue;
+        const std::string form = lyricForExport(n.lyric);
+        if (!allKana(form)) continue;
+        const auto syl = groupSyllables(form);
+        if (syl.size() < 2) continue;
+        // Equal parts, the last taking what the division leaves, as the row's repair does.
+        const auto count = static_cast<std::int64_t>(syl.size());
+        const std::int64_t each = std::max<std::int64_t>(1, n.duration / count);
+        NoteEvent& first = notes.mutableAt(i);
+        first.duration = each;
+        first.lyric = syl[0];
+        first.sourcePhonemes.reset();
+        for (std::int64_t k = 1; k < count; ++k) {
+          const std::int64_t tick = addTicks(n.tick, k * each);
+          const std::int64_t duration =
+              k + 1 == count ? std::max<std::int64_t>(1, n.endTick() - tick) : each;
+          notes.insert(i + static_cast<std::size_t>(k),
+                       NoteEvent::make(Uuid::random(), tick, duration, n.pitch, n.velocity,
+                                       syl[static_cast<std::size_t>(k)]));
+        }
+        record(kSplit, n, t, n.lyric, joined(syl));
+        i += syl.size() - 1;
+      }
+    });
+  }
+
+  void veryShortNotes() {
+    begin(kTinyDeleted);
+    begin(kTinyMerged);
+    const std::int64_t ppq = doc_.ppq;
+    auto tiny = [&](const NoteEvent& n) {
+      return ppq < 16 ? n.duration == 0 : n.duration < ppq / 16;
+    };
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i < notes.size();) {
+        if (!tiny(notes[i])) {
+          ++i;
+          continue;
+        }
+        if (lyricForExport(notes[i].lyric).empty()) {
+          record(kTinyDeleted, notes[i], t, notes[i].lyric, tr("(削除)"));
+          notes.erase(i);
+          continue;
+        }
+        // Join the following tiny sung notes while the engine can still read the whole.
+        std::vector<std::string> parts{notes[i].lyric};
+        std::string lyric = notes[i].lyric;
+        std::int64_t end = notes[i].endTick();
+        std::size_t j = i + 1;
+        while (j < notes.size() && tiny(notes[j]) && !lyricForExport(notes[j].lyric).empty() &&
+               countPhonemes(lyric + notes[j].lyric) <= 8) {
+          lyric += notes[j].lyric;
+          parts.push_back(notes[j].lyric);
+          end = std::max(end, notes[j].endTick());
+          ++j;
+        }
+        if (j > i + 1) {
+          NoteEvent& n = notes.mutableAt(i);
+          record(kTinyMerged, n, t, joined(parts), lyric);
+          n.lyric = lyric;
+          n.duration = std::max<std::int64_t>(1, end - n.tick);
+          n.sourcePhonemes.reset();
+          for (std::size_t k = j; k-- > i + 1;) notes.erase(k);
+        }
+        ++i;
+      }
+    });
+  }
+
+  template <typename Event>
+  void keepLastPerTick(const char* label, std::vector<Event>& events,
+                       const std::function<std::string(const Event&)>& show) {
+    begin(label);
+    std::vector<Event> kept;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      bool later = false;
+      for (std::size_t k = i + 1; k < events.size(); ++k) later |= events[k].tick == events[i].tick;
+      if (later) {
+        record(label, Uuid(), -1, events[i].tick, show(events[i]), tr("(削除)"));
+      } else {
+        kept.push_back(events[i]);
+      }
+    }
+    events = std::move(kept);
+  }
+
+  MusicDocument& document() { return doc_; }
+  CleanupReport& report() { return report_; }
+
+ private:
+  // Lyric passes walk the tracks that are heard and hold notes.
+  void forEachTrack(const std::function<void(int, NoteList&)>& f) {
+    for (std::size_t t = 0; t < doc_.tracks.size(); ++t) {
+      MusicTrack& track = doc_.tracks[t];
+      if (track.isMuted || track.notes.empty()) continue;
+      f(static_cast<int>(t), track.notes);
+    }
+  }
+  void begin(const char* label) {
+    if (!report_.byCategory.count(label)) {
+      report_.byCategory[label] = 0;
+      report_.categoryOrder.push_back(label);
+    }
+  }
+  void record(const char* label, const NoteEvent& n, int track, std::string before,
+              std::string after, const char* logLabel = nullptr) {
+    record(label, n.id, track, n.tick, std::move(before), std::move(after), logLabel);
+  }
+  void record(const char* label, const Uuid& id, int track, std::int64_t tick, std::string before,
+              std::string after, const char* logLabel = nullptr) {
+    ++report_.byCategory[label];
+    report_.entryCategories.push_back(label);
+    report_.entries.push_back(
+        {id, track, tick, tr(logLabel ? logLabel : label), std::move(before), std::move(after)});
+  }
+
+  MusicDocument doc_;
+  CleanupReport report_;
+};
+
+std::size_t sungNotes(const MusicDocument& d, const std::vector<Uuid>& sung) {
+  std::size_t count = 0;
+  for (const auto& t : d.tracks) {
+    const bool counted =
+        sung.empty() ? !t.isMuted : std::find(sung.begin(), sung.end(), t.id) != sung.end();
+    if (counted) count += t.notes.size();
+  }
+  return count;
+}
+
+std::string bpmText(const TempoEvent& e) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%g", e.bpm);
+  return buf;
+}
+
+std::string meterText(const TimeSignatureEvent& e) {
+  return std::to_string(e.numerator) + "/" + std::to_string(e.denominator);
+}
+
+}  // namespace
+
+const std::vector<CleanupSwitch>& implementedCleanupSwitches() {
+  static const std::vector<CleanupSwitch> all{
+      {"nfcNormalize", &CleanupOptions::nfcNormalize, kNfc},
+      {"utauResidue", &CleanupOptions::utauResidue, kUtau},
+      {"unreadableKana", &CleanupOptions::unreadableKana, kOldKana},
+      {"symbols", &CleanupOptions::symbols, kSymbols},
+      {"whitespace", &CleanupOptions::whitespace, kWhitespace},
+      {"emojiControl", &CleanupOptions::emojiControl, kEmoji},
+      {"halfWidthKana", &CleanupOptions::halfWidthKana, kHalfWidth},
+      {"kanjiToHiragana", &CleanupOptions::kanjiToHiragana, kKanji},
+      {"particleHa", &CleanupOptions::particleHa, kParticle},
+      {"foreignKana", &CleanupOptions::foreignKana, kForeign},
+      {"standaloneChouon", &CleanupOptions::standaloneChouon, kChouon},
+      {"standaloneSokuon", &CleanupOptions::standaloneSokuon, kSokuon},
+      {"standaloneYouon", &CleanupOptions::standaloneYouon, kYouon},
+      {"multiSyllable", &CleanupOptions::multiSyllable, kSplit},
+      {"zeroLength", &CleanupOptions::zeroLength, kZeroLength},
+      {"tempoDedup", &CleanupOptions::tempoDedup, kTempoDedup},
+      {"timeSigDedup", &CleanupOptions::timeSigDedup, kMeterDedup},
+  };
+  return all;
+}
+
+CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
+                         const std::vector<Uuid>& sungTrackIDs,
+                         const std::unordered_set<Uuid>& keepWhole) {
+  using Rewrite = Cleaner::Rewrite;
+  Cleaner c(document, keepWhole);
+  c.report().startTime = referenceSecondsNow();
+  const std::size_t sungBefore = sungNotes(document, sungTrackIDs);
+  auto simple = [](std::string lyric) -> std::optional<Rewrite> {
+    return Rewrite{std::move(lyric)};
+  };
+
+  if (o.nfcNormalize)
+    c.lyricPass(kNfc, [&](const NoteEvent& n) { return simple(composeVoicedMarks(n.lyric)); });
+  if (o.utauResidue) c.utauResidue();
+  if (o.unreadableKana)
+    c.lyricPass(kOldKana, [](const NoteEvent& n) -> std::optional<Rewrite> {
+      if (auto s = replaceOldKana(n.lyric)) return Rewrite{*s};
+      return std::nullopt;
+    });
+  if (o.symbols)
+    c.lyricPass(kSymbols, [](const NoteEvent& n) -> std::optional<Rewrite> {
+      if (auto reading = bracketReading(n.lyric)) return Rewrite{*reading, N_("読み仮名を採用")};
+      std::string s = withoutScalars(n.lyric, isLyricSymbol);
+      // A lyric of symbols only is something the user typed on purpose; the check shows it.
+      if (text::trimWhitespaceAndNewlines(s).empty()) return std::nullopt;
+      return Rewrite{std::move(s)};
+    });
+  if (o.whitespace)
+    c.lyricPass(kWhitespace, [](const NoteEvent& n) -> std::optional<Rewrite> {
+      return Rewrite{withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
+    });
+  if (o.emojiControl)
+    c.lyricPass(kEmoji, [](const NoteEvent& n) -> std::optional<Rewrite> {
+      return Rewrite{withoutScalars(
+          n.lyric, [](char32_t ch) { return isInvisibleScalar(ch) || isEmojiScalar(ch); })};
+    });
+  if (o.halfWidthKana)
+    c.lyricPass(kHalfWidth, [&](const NoteEvent& n) { return simple(widenHalfKana(n.lyric)); });
+  if (o.kanjiToHiragana)
+    c.lyricPass(kKanji, [&](const NoteEvent& n) { return simple(kanjiToHiragana(n.lyric)); });
+  if (o.particleHa)
+    c.lyricPass(kParticle, [](const NoteEvent& n) -> std::optional<Rewrite> {
+      if (n.lyric == "を") return Rewrite{"お"};
+      return std::nullopt;
+    });
+  if (o.foreignKana)
+    c.lyricPass(kForeign, [](const NoteEvent& n) -> std::optional<Rewrite> {
+      return Rewrite{katakanaToHiragana(n.lyric), N_("カタカナ→ひらがな")};
+    });
+  if (o.standaloneChouon) c.standaloneChouon();
+  if (o.standaloneSokuon) c.standaloneSokuon();
+  if (o.standaloneYouon) c.standaloneYouon();
+  if (o.multiSyllable) c.multiSyllable();
+  if (o.zeroLength) c.veryShortNotes();
+  MusicDocument& d = c.document();
+  if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, bpmText);
+  if (o.timeSigDedup)
+    c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
+
+  CleanupReport& report = c.report();
+  report.sungNotesBecameZero = sungBefore > 0 && sungNotes(d, sungTrackIDs) == 0;
+  report.endTime = referenceSecondsNow();
+  return {std::move(d), std::move(report)};
+}
+
+}  // namespace melvo

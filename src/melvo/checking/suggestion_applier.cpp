@@ -1,0 +1,318 @@
+#include "melvo/checking/suggestion_applier.h"
+
+#include <algorithm>
+#include <optional>
+#include <set>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+#include "melvo/platform/i18n.h"
+
+namespace melvo {
+namespace {
+
+using S = ValidationIssue::Suggestion;
+
+struct Place {
+  int track = 0;
+  std::size_t index = 0;
+};
+
+std::string num(std::int64_t v) {
+  return std::to_string(v);
+}
+
+// Where a note of a possibly stale suggestion is now. The row's own track is searched
+// first since that is nearly always where the note still is.
+std::optional<Place> locate(const MusicDocument& d, const Uuid& id, int preferredTrack) {
+  auto scan = [&](int t) -> std::optional<Place> {
+    const NoteList& notes = d.tracks[static_cast<std::size_t>(t)].notes;
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].id == id) return Place{t, i};
+    return std::nullopt;
+  };
+  const int count = static_cast<int>(d.tracks.size());
+  if (preferredTrack >= 0 && preferredTrack < count)
+    if (auto p = scan(preferredTrack)) return p;
+  for (int t = 0; t < count; ++t)
+    if (t != preferredTrack)
+      if (auto p = scan(t)) return p;
+  return std::nullopt;
+}
+
+// Keeps a track in tick order after an edit moved or added notes; stable, so notes at one
+// tick keep the order the writer's chord rule depends on.
+void keepSorted(NoteList& notes) {
+  bool sorted = true;
+  for (std::size_t i = 1; i < notes.size() && sorted; ++i)
+    sorted = notes[i - 1].tick <= notes[i].tick;
+  if (sorted) return;
+  std::vector<NoteEvent> v = notes.toVector();
+  std::stable_sort(v.begin(), v.end(),
+                   [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
+  notes.assign(std::move(v));
+}
+
+void insertSorted(NoteList& notes, NoteEvent note) {
+  std::size_t at = notes.size();
+  while (at > 0 && notes[at - 1].tick > note.tick) --at;
+  notes.insert(at, std::move(note));
+}
+
+std::string timingText(std::int64_t tick, std::int64_t duration) {
+  return num(tick) + "+" + num(duration);
+}
+
+class Applier {
+ public:
+  Applier(MusicDocument d, const ValidationIssue& row, std::string label)
+      : doc_(std::move(d)), row_(row), label_(std::move(label)) {}
+
+  RepairResult finish() && { return {std::move(doc_), std::move(log_), complete_}; }
+
+  void apply(const SuggestionAction& action) {
+    std::visit([&](const auto& a) { run(a); }, action.v);
+  }
+
+ private:
+  NoteEvent* note(const Uuid& id, Place* where = nullptr) {
+    auto p = locate(doc_, id, row_.trackIndex);
+    if (!p) {
+      complete_ = false;
+      return nullptr;
+    }
+    if (where) *where = *p;
+    return &doc_.tracks[static_cast<std::size_t>(p->track)].notes.mutableAt(p->index);
+  }
+  NoteEvent* rowNote(Place* where = nullptr) {
+    if (!row_.noteID) {
+      complete_ = false;
+      return nullptr;
+    }
+    return note(*row_.noteID, where);
+  }
+  void log(const NoteEvent& n, int track, std::string before, std::string after) {
+    log_.push_back({n.id, track, n.tick, label_, std::move(before), std::move(after)});
+  }
+  void setLyricOf(const Uuid& id, const std::string& lyric) {
+    Place p;
+    if (NoteEvent* n = note(id, &p); n && n->lyric != lyric) {
+      std::string before = std::exchange(n->lyric, lyric);
+      // Phonemes taken from the source file belonged to the old lyric.
+      n->sourcePhonemes.reset();
+      log(*n, p.track, std::move(before), lyric);
+    }
+  }
+  void removeNoteAt(const Place& p, const char* text) {
+    NoteList& notes = doc_.tracks[static_cast<std::size_t>(p.track)].notes;
+    const NoteEvent gone = notes[p.index];
+    log(gone, p.track, gone.lyric, tr(text));
+    notes.erase(p.index);
+  }
+
+  void run(const S::SetLyric& a) {
+    if (row_.noteID) return setLyricOf(*row_.noteID, a.lyric);
+    complete_ = false;
+  }
+  void run(const S::SetVelocity& a) {
+    Place p;
+    if (NoteEvent* n = rowNote(&p); n && n->velocity != a.velocity) {
+      const int before = std::exchange(n->velocity, a.velocity);
+      log(*n, p.track, num(before), num(a.velocity));
+    }
+  }
+  void run(const S::SetLyrics& a) {
+    for (const auto& e : a.edits) setLyricOf(e.id, e.lyric);
+  }
+  void run(const S::RemoveNotes& a) {
+    for (const auto& id : a.ids) {
+      if (auto p = locate(doc_, id, row_.trackIndex)) {
+        removeNoteAt(*p, "(削除)");
+      } else {
+        complete_ = false;
+      }
+    }
+  }
+  void run(const S::SetTiming& a) {
+    std::set<int> touched;
+    for (const auto& e : a.edits) {
+      Place p;
+      NoteEvent* n = note(e.id, &p);
+      if (!n) continue;
+      const std::int64_t tick = std::clamp<std::int64_t>(e.tick, 0, maxTick);
+      const std::int64_t duration = std::clamp<std::int64_t>(e.duration, 1, maxTick);
+      if (n->tick == tick && n->duration == duration) continue;
+      const std::string before = timingText(n->tick, n->duration);
+      n->tick = tick;
+      n->duration = duration;
+      log(*n, p.track, before, timingText(tick, duration));
+      touched.insert(p.track);
+    }
+    for (int t : touched) keepSorted(doc_.tracks[static_cast<std::size_t>(t)].notes);
+  }
+  void run(const S::TransposeNotes& a) {
+    for (const auto& id : a.ids) {
+      Place p;
+      NoteEvent* n = note(id, &p);
+      if (!n) continue;
+      const int pitch = std::clamp(n->pitch + a.semitones, 0, 127);
+      if (pitch == n->pitch) continue;
+      const std::string before = n->pitchName();
+      n->pitch = pitch;
+      log(*n, p.track, before, n->pitchName());
+    }
+  }
+  void run(const S::MoveNotesToNewTrack& a) {
+    MusicTrack fresh;
+    fresh.name = a.trackName;
+    std::vector<std::pair<NoteEvent, int>> moved;
+    for (const auto& id : a.ids) {
+      auto p = locate(doc_, id, row_.trackIndex);
+      if (!p) {
+        complete_ = false;
+        continue;
+      }
+      NoteList& notes = doc_.tracks[static_cast<std::size_t>(p->track)].notes;
+      moved.emplace_back(notes[p->index], p->track);
+      notes.erase(p->index);
+    }
+    if (moved.empty()) return;
+    // The moved notes were sung by the track's voice; the new track keeps it so that
+    // unmuting it sounds like before.
+    fresh.characterName = doc_.tracks[static_cast<std::size_t>(moved.front().second)].characterName;
+    const int index = static_cast<int>(doc_.tracks.size());
+    for (auto& [n, from] : moved) {
+      log(n, index, doc_.tracks[static_cast<std::size_t>(from)].name, a.trackName);
+      insertSorted(fresh.notes, std::move(n));
+    }
+    doc_.tracks.push_back(std::move(fresh));
+  }
+  void run(const S::AddNotes& a) {
+    if (a.track < 0 || a.track >= static_cast<int>(doc_.tracks.size())) {
+      complete_ = false;
+      return;
+    }
+    NoteList& notes = doc_.tracks[static_cast<std::size_t>(a.track)].notes;
+    for (const auto& spec : a.notes) {
+      NoteEvent n =
+          NoteEvent::make(Uuid::random(), spec.tick, spec.duration, spec.pitch, 100, spec.lyric);
+      log(n, a.track, "", spec.lyric);
+      insertSorted(notes, std::move(n));
+    }
+  }
+  void run(const S::SetTempos& a) {
+    auto& map = doc_.tempoMap;
+    map.erase(
+        std::remove_if(map.begin(), map.end(),
+                       [&](const TempoEvent& e) { return e.tick >= a.from && e.tick < a.to; }),
+        map.end());
+    for (const auto& p : a.points) map.push_back({p.tick, p.bpm});
+    std::stable_sort(map.begin(), map.end(),
+                     [](const TempoEvent& x, const TempoEvent& y) { return x.tick < y.tick; });
+    if (map.empty()) map.push_back(TempoEvent{});
+  }
+  void run(const S::InsertTime& a) {
+    if (a.length <= 0) return;
+    for (auto& track : doc_.tracks)
+      for (std::size_t i = 0; i < track.notes.size(); ++i)
+        if (track.notes[i].tick >= a.atTick) {
+          NoteEvent& n = track.notes.mutableAt(i);
+          n.tick = addTicks(n.tick, a.length);
+        }
+    // The opening tempo, meter and key stay at the start whatever is inserted there.
+    auto shift = [&](auto& events) {
+      for (auto& e : events)
+        if (e.tick > 0 && e.tick >= a.atTick) e.tick = addTicks(e.tick, a.length);
+    };
+    shift(doc_.tempoMap);
+    shift(doc_.timeSignatures);
+    shift(doc_.keySignatures);
+  }
+  void run(const S::SetTimeSignature& a) {
+    auto& map = doc_.timeSignatures;
+    map.erase(std::remove_if(map.begin(), map.end(),
+                             [&](const TimeSignatureEvent& e) { return e.tick == a.tick; }),
+              map.end());
+    map.push_back({a.tick, a.numerator, a.denominator});
+    std::stable_sort(map.begin(), map.end(),
+                     [](const auto& x, const auto& y) { return x.tick < y.tick; });
+  }
+  void run(const S::SetBreath& a) {
+    for (const auto& id : a.ids) {
+      Place p;
+      NoteEvent* n = note(id, &p);
+      if (!n || n->hasBreathAfter == a.on) continue;
+      n->hasBreathAfter = a.on;
+      log(*n, p.track, a.on ? "" : "♪", a.on ? "♪" : "");
+    }
+  }
+  void run(const S::SelectTrack&) {}
+  void run(const S::Sequence& a) {
+    for (const auto& inner : a.actions) apply(inner);
+  }
+  void run(const S::PrependSokuon&) {
+    if (row_.noteID) {
+      if (auto p = locate(doc_, *row_.noteID, row_.trackIndex)) {
+        const NoteEvent& n = doc_.tracks[static_cast<std::size_t>(p->track)].notes[p->index];
+        return setLyricOf(n.id, "っ" + n.lyric);
+      }
+    }
+    complete_ = false;
+  }
+  void run(const S::BreathOnPreviousNote&) {
+    Place p;
+    NoteEvent* n = rowNote(&p);
+    if (!n) return;
+    // The note sounding just before this one: the last that starts earlier.
+    const NoteList& notes = doc_.tracks[static_cast<std::size_t>(p.track)].notes;
+    const std::int64_t at = n->tick;
+    std::optional<std::size_t> prev;
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick < at && (!prev || notes[i].tick >= notes[*prev].tick)) prev = i;
+    if (!prev) {
+      complete_ = false;
+      return;
+    }
+    run(S::SetBreath{{notes[*prev].id}, true});
+  }
+  void run(const S::RemoveNote&) {
+    if (row_.noteID) {
+      if (auto p = locate(doc_, *row_.noteID, row_.trackIndex)) return removeNoteAt(*p, "(休符)");
+    }
+    complete_ = false;
+  }
+  void run(const S::KeepAsIs&) {}
+
+  MusicDocument doc_;
+  const ValidationIssue& row_;
+  std::string label_;
+  std::vector<RepairLogEntry> log_;
+  bool complete_ = true;
+};
+
+}  // namespace
+
+RepairResult applySuggestionAction(const MusicDocument& document, const SuggestionAction& action,
+                                   const ValidationIssue& row, const std::string& logLabel) {
+  Applier applier(document, row, logLabel);
+  applier.apply(action);
+  return std::move(applier).finish();
+}
+
+RepairResult applySuggestion(const MusicDocument& document, const ValidationIssue& row,
+                             const ValidationIssue::Suggestion& suggestion) {
+  RepairResult out = applySuggestionAction(document, suggestion.action, row, suggestion.label);
+  if (row.noticeID) out.document.removeNotice(*row.noticeID);
+  return out;
+}
+
+RepairResult replaceLyric(const MusicDocument& document, const Uuid& noteID,
+                          const std::string& lyric) {
+  ValidationIssue row;
+  row.noteID = noteID;
+  row.trackIndex = -1;
+  return applySuggestionAction(document, S::SetLyric{lyric}, row, tr("歌詞の置き換え"));
+}
+
+}  // namespace melvo

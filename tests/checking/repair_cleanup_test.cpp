@@ -1,0 +1,152 @@
+// The clean-up over small songs: what each pass changes, what it must leave, that every change
+// is logged and that the whole run is one undo step.
+#include <gtest/gtest.h>
+
+#include "checking/score_validator_support.h"
+#include "melvo/checking/cleanup_engine.h"
+#include "melvo/checking/lyric_rules.h"
+#include "melvo/checking/suggestion_applier_commit.h"
+#include "melvo/editing/piano_roll_view_model.h"
+
+namespace melvo {
+namespace {
+
+using test::legato;
+using test::note;
+using test::song;
+
+class Cleanup : public ::testing::Test {
+ protected:
+  test::JapaneseTexts japanese;
+
+  static std::vector<std::string> lyrics(const MusicDocument& d, int track = 0) {
+    std::vector<std::string> out;
+    for (const auto& n : d.tracks[static_cast<std::size_t>(track)].notes) out.push_back(n.lyric);
+    return out;
+  }
+  static CleanupResult run(const MusicDocument& d, CleanupOptions o = {}) {
+    return runCleanup(d, o, {});
+  }
+};
+
+TEST_F(Cleanup, LyricPassesTurnForeignSpellingsIntoHiragana) {
+  auto d = song(legato(
+      {"か゛", "さ強", "ゐ", "想(そう)", "！", "あ　い", "な😀", "ｶ", "を", "ヴァ", "R", "Ra"},
+      480));
+  const auto r = run(d);
+  // "あ　い" becomes あい, which is one syllable and stays whole; Ra has a Latin letter.
+  EXPECT_EQ(lyrics(r.document), (std::vector<std::string>{"が", "さ", "い", "そう", "！", "あい",
+                                                          "な", "か", "お", "ゔぁ", "Ra"}));
+  EXPECT_EQ(r.report.byCategory.at("UTAU 残骸除去"), 2);
+  EXPECT_EQ(r.report.byCategory.at("記号除去"), 1);
+  bool readingLogged = false;
+  for (const auto& e : r.report.entries)
+    readingLogged |= e.action == "読み仮名を採用" && e.before == "想(そう)" && e.after == "そう";
+  EXPECT_TRUE(readingLogged);
+  // Every change has its line, and the counts add up to the lines.
+  int total = 0;
+  for (const auto& [label, count] : r.report.byCategory) total += count;
+  EXPECT_EQ(total, static_cast<int>(r.report.entries.size()));
+}
+
+TEST_F(Cleanup, SwitchedOffPassLeavesItsCaseAlone) {
+  auto d = song(legato({"ｶ", "を"}, 480));
+  CleanupOptions o;
+  o.halfWidthKana = false;
+  o.particleHa = false;
+  o.foreignKana = false;
+  const auto r = run(d, o);
+  EXPECT_EQ(lyrics(r.document)[1], "を");
+  EXPECT_EQ(lyrics(r.document)[0], "ｶ");
+  EXPECT_EQ(r.report.byCategory.count("半角カナ→全角"), 0u);
+}
+
+TEST_F(Cleanup, SplitsSeveralSyllablesButNotOneOrLatin) {
+  auto d = song(legato({"ねこ", "あい", "aい", "きょうは"}, 480));
+  const Uuid keep = d.tracks[0].notes[3].id;
+  auto r = run(d);
+  EXPECT_EQ(lyrics(r.document),
+            (std::vector<std::string>{"ね", "こ", "あい", "aい", "きょう", "は"}));
+  const auto& n = r.document.tracks[0].notes;
+  EXPECT_EQ(n[0].duration + n[1].duration, 480);
+  EXPECT_EQ(n[1].tick, 240);
+  EXPECT_EQ(n[1].pitch, 60);
+  r = runCleanup(d, {}, {}, {keep});
+  EXPECT_EQ(lyrics(r.document).back(), "きょうは");
+}
+
+TEST_F(Cleanup, LoneSmallKanaAndChouonJoinTheirNeighbours) {
+  auto d = song(legato({"あ", "ー", "ー", "っ", "た", "き", "ょ"}, 480));
+  auto r = run(d);
+  // っ is kept unless asked for.
+  EXPECT_EQ(lyrics(r.document), (std::vector<std::string>{"あ", "あ", "あ", "っ", "た", "きょ"}));
+  EXPECT_EQ(r.document.tracks[0].notes.back().duration, 960);
+  CleanupOptions o;
+  o.standaloneSokuon = true;
+  r = run(d, o);
+  EXPECT_EQ(lyrics(r.document), (std::vector<std::string>{"あ", "あ", "あ", "った", "きょ"}));
+  EXPECT_EQ(r.document.tracks[0].notes[3].tick, 1440);
+  EXPECT_EQ(r.document.tracks[0].notes[3].duration, 960);
+}
+
+TEST_F(Cleanup, VeryShortNotesGoOrMergeWithinEightPhonemes) {
+  // ppq 480: shorter than 30 ticks counts as very short.
+  std::vector<NoteEvent> n{note(0, 10, ""),         note(10, 10, "か"),    note(20, 10, "き"),
+                           note(480, 10, "かきん"), note(490, 10, "かき"), note(960, 480, "く")};
+  // Five and four phonemes would make nine, which stops the engine.
+  ASSERT_EQ(countPhonemes("かきん") + countPhonemes("かき"), 9);
+  CleanupOptions o;
+  o.multiSyllable = false;
+  auto r = run(song(n), o);
+  EXPECT_EQ(lyrics(r.document), (std::vector<std::string>{"かき", "かきん", "かき", "く"}));
+  EXPECT_EQ(r.document.tracks[0].notes[0].duration, 20);
+  EXPECT_EQ(r.report.byCategory.at("ごく短い音符を削除"), 1);
+  EXPECT_EQ(r.report.byCategory.at("ごく短い音符をまとめる"), 1);
+}
+
+TEST_F(Cleanup, DuplicateMapEventsKeepTheOneThatPlays) {
+  auto d = song(legato({"あ"}, 480));
+  d.tempoMap = {{0, 120}, {0, 90}, {960, 140}};
+  d.timeSignatures = {{0, 4, 4}, {0, 3, 4}};
+  const auto r = run(d);
+  ASSERT_EQ(r.document.tempoMap.size(), 2u);
+  EXPECT_EQ(r.document.tempoMap[0].bpm, 90);
+  ASSERT_EQ(r.document.timeSignatures.size(), 1u);
+  EXPECT_EQ(r.document.timeSignatures[0].numerator, 3);
+}
+
+TEST_F(Cleanup, OnlyRestMarksSetTheGuardAndUndoRestoresAll) {
+  PianoRollViewModel model(song(legato({"R", "r", "R"}, 480)));
+  const MusicDocument original = model.document();
+  const auto report = commitCleanup(model, {}, {});
+  EXPECT_TRUE(report.sungNotesBecameZero);
+  EXPECT_TRUE(model.document().tracks[0].notes.empty());
+  EXPECT_EQ(model.undoLabel(), std::optional<std::string>("歌詞と音符を自動で直す"));
+  EXPECT_EQ(model.conversionLog().size(), 3u);
+  model.undo();
+  EXPECT_EQ(model.document(), original);
+  EXPECT_FALSE(run(song(legato({"R", "あ"}, 480))).report.sungNotesBecameZero);
+}
+
+TEST_F(Cleanup, MutedTracksAreLeftAlone) {
+  auto d = song(legato({"ｶ"}, 480));
+  d.tracks.push_back(d.tracks[0]);
+  d.tracks[1].id = Uuid::random();
+  d.tracks[1].isMuted = true;
+  const auto r = run(d);
+  EXPECT_EQ(lyrics(r.document, 0)[0], "か");
+  EXPECT_EQ(lyrics(r.document, 1)[0], "ｶ");
+}
+
+TEST_F(Cleanup, NeverLeavesMoreErrorRows) {
+  auto d = song(legato({"ねこ", "R", "か゛", "ｶ", "😀", "ー", "ゐ", "を", "さ強"}, 480));
+  auto errors = [](const MusicDocument& doc) {
+    int n = 0;
+    for (const auto& row : test::check(doc)) n += row.severity == ValidationIssue::Severity::error;
+    return n;
+  };
+  EXPECT_LT(errors(run(d).document), errors(d));
+}
+
+}  // namespace
+}  // namespace melvo
