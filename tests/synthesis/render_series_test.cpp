@@ -208,6 +208,28 @@ TEST_F(RenderSeriesTest, AFailingTrackStopsTheSeriesWithoutAMix) {
   EXPECT_FALSE(synth.isRunning());
 }
 
+TEST_F(RenderSeriesTest, DroppingTheSynthesizerMidSeriesStopsTheEngineAndCallsNothing) {
+  test::writeText(home.path() / "engine" / "model" / "alto" / "stand-in.conf",
+                  "mode=slow\ndelay_ms=20000\n");
+  MusicDocument d;
+  d.tracks = {track("One", "alto", 60), track("Two", "alto", 62)};
+  bool called = false;
+  auto owner = std::make_unique<Synth>(loop, engine);
+  owner->render(
+      d, runDir, config, {}, [](double, const std::string&, std::optional<double>) {},
+      [this](const std::string& l) { log.push_back(l); }, [&](Synth::Result) { called = true; });
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return engine.isRunning(); }, 30s));
+  const pid_t group = *engine.shell().processId();
+  owner.reset();
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return test::liveMembers(group).empty(); }, 10s));
+  // The engine reports the end of the cancelled run a little later; nothing may answer it.
+  EXPECT_FALSE(test::pumpUntil(
+      loop, [&] { return called; }, 1500ms));
+  EXPECT_EQ(logIndex("2/2"), log.size());
+}
+
 TEST_F(RenderSeriesTest, NothingToSingFailsAtOnce) {
   MusicDocument d;
   d.tracks = {track("NoVoice", "", 60)};

@@ -1,6 +1,7 @@
 #include "melvo/synthesis/multi_track_synthesizer.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <system_error>
@@ -40,6 +41,8 @@ MultiTrackSynthesizer::MultiTrackSynthesizer(EventLoop& mainQueue, NEUTRINOEngin
 
 MultiTrackSynthesizer::~MultiTrackSynthesizer() {
   alive_.reset();
+  // A series that outlives its owner would sing on into a folder nobody reads.
+  if (running_) engine_.cancel();
   if (mixer_.joinable()) mixer_.join();
 }
 
@@ -174,7 +177,8 @@ void MultiTrackSynthesizer::runTrack(std::shared_ptr<Run> run, std::size_t i) {
         run->onProgress(overallProgress(i, n, pct), stage, eta);
       },
       run->onLog,
-      [this, run, i](bool ok) {
+      [this, run, i, alive = std::weak_ptr<int>(alive_)](bool ok) {
+        if (alive.expired()) return;
         const TrackPlan& p = run->plans[i];
         // A zero status without the voice file is no success: there would be nothing to mix.
         std::error_code ec;
@@ -189,7 +193,9 @@ void MultiTrackSynthesizer::runTrack(std::shared_ptr<Run> run, std::size_t i) {
         run->rendered.push_back({p.trackIndex, p.trackName, p.wavPath});
         run->renderedIDs.push_back(run->document.tracks[static_cast<std::size_t>(p.trackIndex)].id);
         // From the main queue, not from inside the engine's own callback.
-        loop_.post([this, run, i] { runTrack(run, i + 1); });
+        loop_.post([this, run, i, alive] {
+          if (!alive.expired()) runTrack(run, i + 1);
+        });
       });
 }
 
@@ -201,7 +207,8 @@ void MultiTrackSynthesizer::mixAll(std::shared_ptr<Run> run) {
   for (const auto& p : run->plans) {
     paths.push_back(p.wavPath);
     gains.push_back(mixGain(run->document, p.trackIndex));
-    pans.push_back(static_cast<float>(std::clamp(p.pan, -1.0, 1.0)));
+    // A NaN pan would turn the whole mix into NaN.
+    pans.push_back(std::isfinite(p.pan) ? static_cast<float>(std::clamp(p.pan, -1.0, 1.0)) : 0.0f);
   }
   const fs::path out = run->runDir / "mix.wav";
   if (mixer_.joinable()) mixer_.join();

@@ -78,7 +78,8 @@ class MultiTrackSynthesizer {
   void render(const MusicDocument& document, const std::filesystem::path& runDir,
               const NEUTRINOConfig& config, std::vector<int> trackIndices,
               ProgressHandler onProgress, LogHandler onLog, DoneHandler onDone);
-  // Stops the running track; the series ends as if it had failed.
+  // Stops the running track; the series ends as if it had failed. Dropping the synthesizer
+  // mid-series cancels it too, and its callbacks are not called any more.
   void cancel();
   bool isRunning() const { return running_; }
 
