@@ -128,6 +128,51 @@ TEST_F(Cleanup, OnlyRestMarksSetTheGuardAndUndoRestoresAll) {
   EXPECT_FALSE(run(song(legato({"R", "あ"}, 480))).report.sungNotesBecameZero);
 }
 
+TEST_F(Cleanup, ChordsOverlapsAndSilentOpeningBars) {
+  // Two empty bars of 4/4, then a chord whose lyric note is not the first, then an overlap.
+  std::vector<NoteEvent> n{note(3840, 480, "", 64), note(3840, 480, "か", 60),
+                           note(3840, 240, "", 67), note(4320, 960, "き", 62),
+                           note(4800, 480, "く", 62)};
+  auto d = song(n);
+  d.tempoMap = {{0, 100}, {1920, 130}, {5000, 90}};
+  d.timeSignatures = {{0, 4, 4}, {3840, 3, 4}};
+  const auto r = run(d);
+  const auto& out = r.document.tracks[0].notes;
+  ASSERT_EQ(out.size(), 3u);
+  EXPECT_EQ(out[0].lyric, "か");
+  EXPECT_EQ(out[0].tick, 0);
+  EXPECT_EQ(out[1].duration, 480);  // cut where く begins
+  EXPECT_EQ(out[2].tick, 960);
+  EXPECT_EQ(r.report.byCategory.at("コード→単旋律化"), 2);
+  // The tempo in force at the cut starts the song; the meter of the first sung bar too.
+  ASSERT_EQ(r.document.tempoMap.size(), 2u);
+  EXPECT_EQ(r.document.tempoMap[0].bpm, 130);
+  EXPECT_EQ(r.document.tempoMap[1].tick, 5000 - 3840);
+  ASSERT_EQ(r.document.timeSignatures.size(), 1u);
+  EXPECT_EQ(r.document.timeSignatures[0].numerator, 3);
+  bool logged = false;
+  for (const auto& e : r.report.entries) logged |= e.before == "空の小節 2 個（3840tk）";
+  EXPECT_TRUE(logged);
+  // Notes at one position are a chord, not an overlap: with the chord pass off they stay.
+  CleanupOptions o;
+  o.chordToMonophonic = false;
+  EXPECT_EQ(run(d, o).document.tracks[0].notes[0].duration, 480);
+}
+
+// Each switch the command offers turns a pass on and off; a switch without its pass would
+// be a promise the clean-up does not keep.
+TEST_F(Cleanup, EveryOfferedSwitchRunsItsPass) {
+  const auto d = song(legato({"あ"}, 480));
+  CleanupOptions all;
+  all.standaloneSokuon = true;
+  const auto ran = run(d, all).report.categoryOrder;
+  for (const auto& s : implementedCleanupSwitches()) {
+    CleanupOptions o = all;
+    o.*(s.field) = false;
+    EXPECT_NE(run(d, o).report.categoryOrder, ran) << s.name;
+  }
+}
+
 TEST_F(Cleanup, MutedTracksAreLeftAlone) {
   auto d = song(legato({"ｶ"}, 480));
   d.tracks.push_back(d.tracks[0]);

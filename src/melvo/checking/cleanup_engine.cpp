@@ -8,6 +8,7 @@
 
 #include "melvo/app/reference_date.h"
 #include "melvo/checking/lyric_rules.h"
+#include "melvo/model/bar_ruler.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/text.h"
 
@@ -32,6 +33,9 @@ constexpr const char* kSplit = N_("多音節→音節ごとに分割");
 constexpr const char* kZeroLength = N_("長さ 0 の音符を削除");
 constexpr const char* kTinyDeleted = N_("ごく短い音符を削除");
 constexpr const char* kTinyMerged = N_("ごく短い音符をまとめる");
+constexpr const char* kChord = N_("コード→単旋律化");
+constexpr const char* kOverlap = N_("音符の重なりを整える");
+constexpr const char* kHeadBars = N_("冒頭空小節切り詰め");
 constexpr const char* kTempoDedup = N_("テンポ重複解消");
 constexpr const char* kMeterDedup = N_("拍子重複解消");
 
@@ -97,6 +101,25 @@ std::string joined(const std::vector<std::string>& parts) {
   std::string out;
   for (std::size_t k = 0; k < parts.size(); ++k) out += (k ? "／" : "") + parts[k];
   return out;
+}
+
+// The event in force at `cut` moves to the start; earlier ones go, later ones move back.
+template <typename Event>
+void shiftMap(std::vector<Event>& events, std::int64_t cut) {
+  std::stable_sort(events.begin(), events.end(),
+                   [](const Event& a, const Event& b) { return a.tick < b.tick; });
+  std::vector<Event> out;
+  for (const auto& e : events) {
+    if (e.tick <= cut) {
+      if (!out.empty() && out.back().tick == 0) out.pop_back();
+      out.push_back(e);
+      out.back().tick = 0;
+    } else {
+      out.push_back(e);
+      out.back().tick -= cut;
+    }
+  }
+  events = std::move(out);
 }
 
 class Cleaner {
@@ -281,6 +304,82 @@ class Cleaner {
     });
   }
 
+  // Of notes starting together, the one the score writer would sing stays: one with a lyric,
+  // then one that isn't very short, then the earlier.
+  void chordToMonophonic() {
+    begin(kChord);
+    const std::int64_t shortBelow = doc_.ppq < 16 ? 1 : doc_.ppq / 16;
+    auto rank = [&](const NoteEvent& n) {
+      return (lyricForExport(n.lyric).empty() ? 2 : 0) + (n.duration >= shortBelow ? 0 : 1);
+    };
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t a = 0; a < notes.size();) {
+        std::size_t b = a + 1;
+        while (b < notes.size() && notes[b].tick == notes[a].tick) ++b;
+        if (b - a > 1) {
+          std::size_t keep = a;
+          for (std::size_t k = a + 1; k < b; ++k)
+            if (rank(notes[k]) < rank(notes[keep])) keep = k;
+          const std::string sung = notes[keep].pitchName();
+          for (std::size_t k = b; k-- > a;) {
+            if (k == keep) continue;
+            const NoteEvent& gone = notes[k];
+            record(kChord, gone, t, gone.lyric.empty() ? gone.pitchName() : gone.lyric,
+                   trf("(削除・歌う音は %@)", {sung}));
+            notes.erase(k);
+          }
+          b = a + 1;
+        }
+        a = b;
+      }
+    });
+  }
+
+  void overlap() {
+    begin(kOverlap);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i < notes.size(); ++i) {
+        std::size_t j = i + 1;
+        while (j < notes.size() && notes[j].tick == notes[i].tick) ++j;
+        if (j == notes.size() || notes[i].endTick() <= notes[j].tick) continue;
+        NoteEvent& n = notes.mutableAt(i);
+        const std::int64_t before = n.duration;
+        n.duration = notes[j].tick - n.tick;
+        record(kOverlap, n, t, std::to_string(before), std::to_string(n.duration));
+      }
+    });
+  }
+
+  // Whole bars of silence before the first note go, and the song moves forward with its
+  // tempo, meter and key; muted tracks move too so that the tracks stay together.
+  void emptyHeadBars() {
+    begin(kHeadBars);
+    std::optional<std::int64_t> first;
+    for (const auto& track : doc_.tracks)
+      for (const auto& n : track.notes) first = std::min(first.value_or(n.tick), n.tick);
+    if (!first) return;
+    const BarRuler ruler(doc_.ppq, doc_.timeSignatures);
+    const BarPosition at = ruler.position(*first);
+    const std::int64_t cut = at.barStartTick;
+    if (cut <= 0) return;
+    for (auto& track : doc_.tracks)
+      for (std::size_t i = 0; i < track.notes.size(); ++i) track.notes.mutableAt(i).tick -= cut;
+    shiftMap(doc_.tempoMap, cut);
+    shiftMap(doc_.timeSignatures, cut);
+    shiftMap(doc_.keySignatures, cut);
+    for (auto& notice : doc_.importNotices) {
+      for (auto& place : notice.places) {
+        place.tick = std::max<std::int64_t>(0, place.tick - cut);
+        for (auto& button : place.fixes)
+          for (auto& action : button) action = shiftFixes(action, 0, -cut);
+      }
+      for (auto& [id, seal] : notice.sealed) seal.tick = std::max<std::int64_t>(0, seal.tick - cut);
+    }
+    record(kHeadBars, Uuid(), -1, 0,
+           trf("空の小節 %d 個（%dtk）", {std::to_string(at.barNumber - 1), std::to_string(cut)}),
+           tr("(詰めました)"));
+  }
+
   template <typename Event>
   void keepLastPerTick(const char* label, std::vector<Event>& events,
                        const std::function<std::string(const Event&)>& show) {
@@ -371,8 +470,11 @@ const std::vector<CleanupSwitch>& implementedCleanupSwitches() {
       {"standaloneYouon", &CleanupOptions::standaloneYouon, kYouon},
       {"multiSyllable", &CleanupOptions::multiSyllable, kSplit},
       {"zeroLength", &CleanupOptions::zeroLength, kZeroLength},
+      {"chordToMonophonic", &CleanupOptions::chordToMonophonic, kChord},
+      {"overlap", &CleanupOptions::overlap, kOverlap},
       {"tempoDedup", &CleanupOptions::tempoDedup, kTempoDedup},
       {"timeSigDedup", &CleanupOptions::timeSigDedup, kMeterDedup},
+      {"emptyHeadBars", &CleanupOptions::emptyHeadBars, kHeadBars},
   };
   return all;
 }
@@ -431,10 +533,13 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
   if (o.standaloneYouon) c.standaloneYouon();
   if (o.multiSyllable) c.multiSyllable();
   if (o.zeroLength) c.veryShortNotes();
+  if (o.chordToMonophonic) c.chordToMonophonic();
+  if (o.overlap) c.overlap();
   MusicDocument& d = c.document();
   if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, bpmText);
   if (o.timeSigDedup)
     c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
+  if (o.emptyHeadBars) c.emptyHeadBars();
 
   CleanupReport& report = c.report();
   report.sungNotesBecameZero = sungBefore > 0 && sungNotes(d, sungTrackIDs) == 0;
