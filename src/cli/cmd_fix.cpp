@@ -55,6 +55,7 @@ Json reportJson(const CleanupReport& r) {
                              {"changes", std::move(changes)}});
   }
   return Json::Object{{"passes", std::move(passes)},
+                      {"pendingDecisions", r.pendingDecisions.size()},
                       {"sungNotesBecameZero", r.sungNotesBecameZero}};
 }
 
@@ -93,6 +94,12 @@ int fix(const Options& o) {
     for (const auto& label : r.categoryOrder)
       std::printf("%5d  %s\n", r.byCategory.at(label), tr(label.c_str()));
     std::printf("%s\n", trf("変更 %d 件", {std::to_string(r.entries.size())}).c_str());
+    if (!r.pendingDecisions.empty())
+      std::printf(
+          "%s\n",
+          trf("直すかどうか決めていない所が %d 件あります（melvo check で確かめてください）",
+              {std::to_string(r.pendingDecisions.size())})
+              .c_str());
   }
   if (r.sungNotesBecameZero)
     printError(tr("歌う音符が1つもなくなりました。元の曲を確かめてください。"));

@@ -173,6 +173,30 @@ TEST_F(Cleanup, EveryOfferedSwitchRunsItsPass) {
   }
 }
 
+TEST_F(Cleanup, GhostNotesFollowTheUsersDecision) {
+  auto d = song(legato({"か", "き"}, 480));
+  d.tracks[0].notes.mutableAt(1).velocity = 0;
+  auto r = run(d);
+  ASSERT_EQ(r.report.pendingDecisions.size(), 1u);
+  EXPECT_EQ(r.report.pendingDecisions[0].category, ValidationIssue::Category::ghostVelocity);
+  EXPECT_EQ(r.document.tracks[0].notes[1].velocity, 0);
+
+  CleanupPolicy policy;
+  policy.ghostVelocity = CleanupDecision::autoSkip;
+  r = runCleanup(d, {}, {}, {}, policy);
+  EXPECT_TRUE(r.report.pendingDecisions.empty());
+  EXPECT_EQ(r.document, d);
+
+  policy.ghostVelocity = CleanupDecision::autoFix;
+  r = runCleanup(d, {}, {}, {}, policy);
+  EXPECT_TRUE(r.report.pendingDecisions.empty());
+  EXPECT_EQ(r.document.tracks[0].notes[1].velocity, 100);
+  EXPECT_EQ(r.document.tracks[0].notes[0].velocity, 100);
+  ASSERT_EQ(r.report.entries.size(), 1u);
+  EXPECT_TRUE(r.report.entries[0].action.ends_with("（自動修正）")) << r.report.entries[0].action;
+  EXPECT_EQ(r.report.byCategory.at("強さ 0 の音符（ゴーストノート）"), 1);
+}
+
 TEST_F(Cleanup, MutedTracksAreLeftAlone) {
   auto d = song(legato({"ｶ"}, 480));
   d.tracks.push_back(d.tracks[0]);

@@ -8,6 +8,7 @@
 
 #include "melvo/app/reference_date.h"
 #include "melvo/checking/lyric_rules.h"
+#include "melvo/checking/score_validator.h"
 #include "melvo/model/bar_ruler.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/text.h"
@@ -36,6 +37,10 @@ constexpr const char* kTinyMerged = N_("ごく短い音符をまとめる");
 constexpr const char* kChord = N_("コード→単旋律化");
 constexpr const char* kOverlap = N_("音符の重なりを整える");
 constexpr const char* kHeadBars = N_("冒頭空小節切り詰め");
+constexpr const char* kTieLyricDup = N_("タイでつないだ後ろの音符に、前と同じ歌詞が入っている");
+constexpr const char* kInvalidYouon =
+    N_("「あゃ」のように、小さい「ゃゅょ」がつながらない字の後に在る");
+constexpr const char* kGhostVelocity = N_("強さ 0 の音符（ゴーストノート）");
 constexpr const char* kTempoDedup = N_("テンポ重複解消");
 constexpr const char* kMeterDedup = N_("拍子重複解消");
 
@@ -380,6 +385,49 @@ class Cleaner {
            tr("(詰めました)"));
   }
 
+  // The three findings that may be intended, treated as the user decided. Each automatic fix
+  // applies the row's first repair to the song as it stands after the earlier ones.
+  void ambiguous(const CleanupPolicy& policy, const std::vector<Uuid>& sung) {
+    struct Kind {
+      ValidationIssue::Category category;
+      AmbiguousPattern pattern;
+      const char* label;
+    };
+    const Kind kinds[] = {
+        {ValidationIssue::Category::invalidYouon, AmbiguousPattern::invalidYouon, kInvalidYouon},
+        {ValidationIssue::Category::tieLyricDup, AmbiguousPattern::tieLyricDup, kTieLyricDup},
+        {ValidationIssue::Category::ghostVelocity, AmbiguousPattern::ghostVelocity, kGhostVelocity},
+    };
+    const auto rows = validate(doc_, sung, {}, report_.keepWhole);
+    for (const auto& row : rows) {
+      const Kind* kind = nullptr;
+      for (const auto& k : kinds)
+        if (k.category == row.category) kind = &k;
+      if (!kind || row.noticeID) continue;
+      switch (policy.decision(kind->pattern)) {
+        case CleanupDecision::ask:
+          report_.pendingDecisions.push_back(row);
+          break;
+        case CleanupDecision::autoSkip:
+          break;
+        case CleanupDecision::autoFix: {
+          if (row.suggestions.empty()) break;
+          begin(kind->label);
+          const auto& first = row.suggestions.front();
+          RepairResult r =
+              applySuggestionAction(doc_, first.action, row, first.label + tr("（自動修正）"));
+          doc_ = std::move(r.document);
+          for (auto& e : r.log) {
+            ++report_.byCategory[kind->label];
+            report_.entryCategories.push_back(kind->label);
+            report_.entries.push_back(std::move(e));
+          }
+          break;
+        }
+      }
+    }
+  }
+
   template <typename Event>
   void keepLastPerTick(const char* label, std::vector<Event>& events,
                        const std::function<std::string(const Event&)>& show) {
@@ -453,6 +501,18 @@ std::string meterText(const TimeSignatureEvent& e) {
 
 }  // namespace
 
+CleanupDecision CleanupPolicy::decision(AmbiguousPattern p) const {
+  switch (p) {
+    case AmbiguousPattern::invalidYouon:
+      return invalidYouon;
+    case AmbiguousPattern::tieLyricDup:
+      return tieLyricDup;
+    case AmbiguousPattern::ghostVelocity:
+      return ghostVelocity;
+  }
+  return CleanupDecision::ask;
+}
+
 const std::vector<CleanupSwitch>& implementedCleanupSwitches() {
   static const std::vector<CleanupSwitch> all{
       {"nfcNormalize", &CleanupOptions::nfcNormalize, kNfc},
@@ -481,7 +541,7 @@ const std::vector<CleanupSwitch>& implementedCleanupSwitches() {
 
 CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
                          const std::vector<Uuid>& sungTrackIDs,
-                         const std::unordered_set<Uuid>& keepWhole) {
+                         const std::unordered_set<Uuid>& keepWhole, const CleanupPolicy& policy) {
   using Rewrite = Cleaner::Rewrite;
   Cleaner c(document, keepWhole);
   c.report().startTime = referenceSecondsNow();
@@ -540,6 +600,7 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
   if (o.timeSigDedup)
     c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
   if (o.emptyHeadBars) c.emptyHeadBars();
+  c.ambiguous(policy, sungTrackIDs);
 
   CleanupReport& report = c.report();
   report.sungNotesBecameZero = sungBefore > 0 && sungNotes(d, sungTrackIDs) == 0;

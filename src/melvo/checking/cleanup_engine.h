@@ -49,6 +49,21 @@ struct CleanupOptions {
   bool operator==(const CleanupOptions&) const = default;
 };
 
+// Findings that can be slips or intent; the user decides once how the clean-up treats each.
+enum class AmbiguousPattern { invalidYouon, tieLyricDup, ghostVelocity };
+enum class CleanupDecision {
+  ask,       // nothing changes; the rows are offered one by one after the run
+  autoFix,   // the row's first repair is applied
+  autoSkip,  // nothing changes and nothing is offered
+};
+struct CleanupPolicy {
+  CleanupDecision invalidYouon = CleanupDecision::ask;
+  CleanupDecision tieLyricDup = CleanupDecision::ask;
+  CleanupDecision ghostVelocity = CleanupDecision::ask;
+  CleanupDecision decision(AmbiguousPattern p) const;
+  bool operator==(const CleanupPolicy&) const = default;
+};
+
 // A switch by the name the record gives it, for the command line and scripts.
 struct CleanupSwitch {
   const char* name;
@@ -78,9 +93,11 @@ struct CleanupResult {
 };
 
 // `sungTrackIDs`: the tracks the guard counts sung notes on (empty: every unmuted track).
-// `keepWhole`: notes the user keeps whole, which the split pass leaves.
+// `keepWhole`: notes the user keeps whole, which the split pass leaves. `policy`: how the
+// three ambiguous findings are treated once the passes are done.
 CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& options,
                          const std::vector<Uuid>& sungTrackIDs,
-                         const std::unordered_set<Uuid>& keepWhole = {});
+                         const std::unordered_set<Uuid>& keepWhole = {},
+                         const CleanupPolicy& policy = {});
 
 }  // namespace melvo

@@ -38,8 +38,9 @@ bool commitSuggestion(PianoRollViewModel& model, const ValidationIssue& row,
 
 CleanupReport commitCleanup(PianoRollViewModel& model, const CleanupOptions& options,
                             const std::vector<Uuid>& sungTrackIDs,
-                            const std::unordered_set<Uuid>& keepWhole) {
-  CleanupResult result = runCleanup(model.document(), options, sungTrackIDs, keepWhole);
+                            const std::unordered_set<Uuid>& keepWhole,
+                            const CleanupPolicy& policy) {
+  CleanupResult result = runCleanup(model.document(), options, sungTrackIDs, keepWhole, policy);
   if (!(result.document == model.document())) {
     model.commit(tr("歌詞と音符を自動で直す"),
                  [&](MusicDocument& d) { d = std::move(result.document); });

@@ -22,7 +22,8 @@ bool commitLyricReplacement(PianoRollViewModel& model, const Uuid& noteID,
 // nothing changed.
 CleanupReport commitCleanup(PianoRollViewModel& model, const CleanupOptions& options,
                             const std::vector<Uuid>& sungTrackIDs,
-                            const std::unordered_set<Uuid>& keepWhole = {});
+                            const std::unordered_set<Uuid>& keepWhole = {},
+                            const CleanupPolicy& policy = {});
 
 // Log lines of the checking layer as the editor keeps them, stamped now.
 void appendRepairLog(PianoRollViewModel& model, const std::vector<RepairLogEntry>& log);
