@@ -6,6 +6,7 @@
 #include <set>
 
 #include "checking/score_validator_support.h"
+#include "melvo/checking/cleanup_engine.h"
 #include "melvo/checking/suggestion_applier.h"
 #include "melvo/checking/suggestion_applier_commit.h"
 #include "melvo/editing/piano_roll_view_model.h"
@@ -168,6 +169,36 @@ TEST_P(RepairProperty, EveryRepairAppliesAndKeepsItsPromise) {
   // The songs are broken in enough ways that the property says something.
   EXPECT_GE(repaired.size(), 2u);
   EXPECT_EQ(noticeRepaired, !before.importNotices.empty());
+}
+
+// The clean-up over the same songs, every pass on: it may trade one finding for another but
+// never leaves more errors than it found, and whatever it removed is in its log.
+TEST_P(RepairProperty, CleanupNeverAddsErrors) {
+  const MusicDocument before = brokenSong(GetParam());
+  CleanupOptions all;
+  all.standaloneSokuon = true;
+  CleanupPolicy fixAll{CleanupDecision::autoFix, CleanupDecision::autoFix,
+                       CleanupDecision::autoFix};
+  for (const CleanupPolicy& policy : {CleanupPolicy{}, fixAll}) {
+    const auto result = runCleanup(before, all, {}, {}, policy);
+    auto errors = [](const MusicDocument& d) {
+      std::size_t n = 0;
+      for (const auto& r : test::check(d)) n += r.severity == ValidationIssue::Severity::error;
+      return n;
+    };
+    EXPECT_LE(errors(result.document), errors(before));
+    const auto after = noteMap(result.document);
+    for (const auto& [id, old] : noteMap(before)) {
+      if (after.count(id)) continue;
+      // A merged note stands in its neighbour's line, where the parts are joined with "／".
+      bool logged = false;
+      for (const auto& e : result.report.entries)
+        logged |=
+            e.noteID == id || (!old.lyric.empty() && e.before.find("／") != std::string::npos &&
+                               e.before.find(old.lyric) != std::string::npos);
+      EXPECT_TRUE(logged) << "lost without a log line: " << old.lyric << " at " << old.tick;
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(BrokenSongs, RepairProperty, ::testing::Values(0, 1, 2));
