@@ -116,6 +116,7 @@ const bool registered = registerCommand(
            ->type_name("SWITCH");
        sub.add_option("--on", opts->on, tr("入れる直し方（切り替えの名前）"))->type_name("SWITCH");
        sub.add_flag("--json", opts->json, tr("JSON で出力する"));
+       sub.footer(trf("切り替え: %@", {switchNames()}));
        return [opts] { return fix(*opts); };
      }});
 
