@@ -8,13 +8,16 @@ deps:
 
 demo: deps
 	cmake --preset release >/dev/null
-	cmake --build --preset release --target melvo
+	cmake --build --preset release --target melvo stand_in_engine
 	@mkdir -p out
 	./build/release/bin/melvo info $(EXAMPLE)
 	./build/release/bin/melvo lyric さくら きゃっ 今日
 	./build/release/bin/melvo convert $(EXAMPLE) out/sakura.musicxml
 	./build/release/bin/melvo convert $(EXAMPLE) out/sakura.mid
 	@echo "demo: wrote out/sakura.musicxml and out/sakura.mid"
+	@rm -rf out/render
+	MELVO_HOME=$(CURDIR)/out/home ./build/release/bin/melvo render $(EXAMPLE) \
+	  --engine build/release/stand-in-engine --out out/render
 
 test: deps format-check
 	cmake --preset ci >/dev/null

@@ -5,7 +5,7 @@
 #include "checking/score_validator_support.h"
 #include "melvo/checking/cleanup_engine.h"
 #include "melvo/checking/lyric_rules.h"
-#include "melvo/checking/suggestion_applier_commit.h"
+#include "melvo/editing/suggestion_applier_commit.h"
 #include "melvo/editing/piano_roll_view_model.h"
 
 namespace melvo {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "melvo/app/reference_date.h"
+#include "melvo/platform/reference_date.h"
 #include "melvo/importers/import_entry.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/i18n.h"

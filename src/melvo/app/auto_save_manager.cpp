@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "melvo/app/reference_date.h"
+#include "melvo/platform/reference_date.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"

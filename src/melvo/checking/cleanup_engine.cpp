@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "melvo/app/reference_date.h"
+#include "melvo/platform/reference_date.h"
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/model/bar_ruler.h"

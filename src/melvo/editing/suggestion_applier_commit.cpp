@@ -1,8 +1,8 @@
-#include "melvo/checking/suggestion_applier_commit.h"
+#include "melvo/editing/suggestion_applier_commit.h"
 
-#include "melvo/app/reference_date.h"
 #include "melvo/editing/piano_roll_view_model.h"
 #include "melvo/platform/i18n.h"
+#include "melvo/platform/reference_date.h"
 
 namespace melvo {
 namespace {
