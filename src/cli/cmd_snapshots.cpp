@@ -9,11 +9,11 @@
 
 #include "cli/command.h"
 #include "melvo/app/auto_save_manager.h"
-#include "melvo/platform/reference_date.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
+#include "melvo/platform/reference_date.h"
 
 namespace melvo::cli {
 namespace {

@@ -5,8 +5,8 @@
 #include "checking/score_validator_support.h"
 #include "melvo/checking/cleanup_engine.h"
 #include "melvo/checking/lyric_rules.h"
-#include "melvo/editing/suggestion_applier_commit.h"
 #include "melvo/editing/piano_roll_view_model.h"
+#include "melvo/editing/suggestion_applier_commit.h"
 
 namespace melvo {
 namespace {

@@ -6,12 +6,12 @@
 #include <cmath>
 #include <thread>
 
+#include "melvo/editing/phoneme_list.h"
+#include "melvo/editing/pitch_curve.h"
 #include "melvo/importers/import_entry.h"
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
-#include "melvo/editing/phoneme_list.h"
-#include "melvo/editing/pitch_curve.h"
 #include "support/test_support.h"
 #include "synthesis/engine_test_support.h"
 

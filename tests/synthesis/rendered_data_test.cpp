@@ -4,9 +4,9 @@
 #include <cstring>
 #include <limits>
 
-#include "melvo/platform/log.h"
 #include "melvo/editing/phoneme_list.h"
 #include "melvo/editing/pitch_curve.h"
+#include "melvo/platform/log.h"
 #include "support/test_support.h"
 
 namespace melvo {

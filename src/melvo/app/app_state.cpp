@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
-#include "melvo/platform/reference_date.h"
 #include "melvo/importers/import_entry.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/log.h"
+#include "melvo/platform/reference_date.h"
 #include "melvo/platform/text.h"
 
 namespace melvo {

@@ -7,13 +7,13 @@
 #include <cstdio>
 #include <ctime>
 
-#include "melvo/platform/reference_date.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
 #include "melvo/platform/log.h"
 #include "melvo/platform/paths.h"
+#include "melvo/platform/reference_date.h"
 #include "melvo/platform/trash.h"
 #include "melvo/platform/uuid.h"
 

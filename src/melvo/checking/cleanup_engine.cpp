@@ -6,11 +6,11 @@
 #include <optional>
 #include <utility>
 
-#include "melvo/platform/reference_date.h"
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/model/bar_ruler.h"
 #include "melvo/platform/i18n.h"
+#include "melvo/platform/reference_date.h"
 #include "melvo/platform/text.h"
 
 namespace melvo {
