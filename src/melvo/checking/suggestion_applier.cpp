@@ -194,10 +194,10 @@ class Applier {
       return;
     }
     NoteList& notes = doc_.tracks[static_cast<std::size_t>(a.track)].notes;
-    for (const auto& spec : a.notes) {
-      NoteEvent n =
-          NoteEvent::make(Uuid::random(), spec.tick, spec.duration, spec.pitch, 100, spec.lyric);
-      log(n, a.track, "", spec.lyric);
+    for (const auto& added : a.notes) {
+      NoteEvent n = NoteEvent::make(Uuid::random(), added.tick, added.duration, added.pitch, 100,
+                                    added.lyric);
+      log(n, a.track, "", added.lyric);
       insertSorted(notes, std::move(n));
     }
   }
