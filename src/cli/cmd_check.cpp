@@ -8,10 +8,10 @@
 #include <memory>
 
 #include "cli/command.h"
+#include "cli/open_song.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/checking/suggestion_applier.h"
 #include "melvo/checking/synthesis_gate.h"
-#include "melvo/importers/import_entry.h"
 #include "melvo/model/bar_ruler.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"
@@ -170,13 +170,9 @@ const bool registered = registerCommand(
            ->type_name("OUT");
        sub.footer(tr("エラーが1つでもあれば終了コード 1 を返します。"));
        return [opts] {
-         MusicDocument d;
-         try {
-           d = openDocument(opts->file);
-         } catch (const OpenError& e) {
-           printError(e.what());
-           return 2;
-         }
+         std::optional<MusicDocument> opened = openOrReport(opts->file);
+         if (!opened) return 2;
+         MusicDocument& d = *opened;
          const int count = static_cast<int>(d.tracks.size());
          std::vector<Uuid> sung;
          ValidatorOptions options;

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "cli/command.h"
-#include "melvo/importers/import_entry.h"
+#include "cli/open_song.h"
 #include "melvo/interchange/export_choice.h"
 #include "melvo/interchange/midi_file_writer.h"
 #include "melvo/interchange/musicxml_exporter.h"
@@ -65,13 +65,9 @@ int convert(const Options& o) {
     printError(tr("--track は .musicxml に書き出す時だけ使えます"));
     return 2;
   }
-  MusicDocument d;
-  try {
-    d = openDocument(o.in);
-  } catch (const OpenError& e) {
-    printError(e.what());
-    return 1;
-  }
+  std::optional<MusicDocument> opened = openOrReport(o.in);
+  if (!opened) return 1;
+  MusicDocument& d = *opened;
   switch (format) {
     case Format::project:
       try {

@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "cli/command.h"
+#include "cli/open_song.h"
 #include "melvo/checking/cleanup_engine.h"
-#include "melvo/importers/import_entry.h"
 #include "melvo/model/bar_ruler.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"
@@ -70,13 +70,9 @@ int fix(const Options& o) {
       }
       options.*(s->field) = list == &o.on;
     }
-  MusicDocument d;
-  try {
-    d = openDocument(o.in);
-  } catch (const OpenError& e) {
-    printError(e.what());
-    return 1;
-  }
+  std::optional<MusicDocument> opened = openOrReport(o.in);
+  if (!opened) return 1;
+  MusicDocument& d = *opened;
   std::vector<Uuid> sung;
   for (int i : d.voicedTrackIndices(false))
     sung.push_back(d.tracks[static_cast<std::size_t>(i)].id);

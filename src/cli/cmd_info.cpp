@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "cli/command.h"
-#include "melvo/importers/import_entry.h"
+#include "cli/open_song.h"
 #include "melvo/model/bar_ruler.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
@@ -125,13 +125,9 @@ const bool registered = registerCommand(
        sub.add_option("FILE", opts->file, tr("開くファイル（.nsproj）"))->required();
        sub.add_flag("--json", opts->json, tr("JSON で出力する"));
        return [opts] {
-         MusicDocument d;
-         try {
-           d = openDocument(opts->file);
-         } catch (const OpenError& e) {
-           printError(e.what());
-           return 1;
-         }
+         std::optional<MusicDocument> opened = openOrReport(opts->file);
+         if (!opened) return 1;
+         MusicDocument& d = *opened;
          if (opts->json) {
            std::printf("%s\n", toJson(d).dump(JsonStyle::Pretty).c_str());
          } else {

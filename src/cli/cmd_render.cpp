@@ -10,8 +10,8 @@
 #include <memory>
 
 #include "cli/command.h"
+#include "cli/open_song.h"
 #include "melvo/checking/synthesis_gate.h"
-#include "melvo/importers/import_entry.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
@@ -45,13 +45,9 @@ Json toJson(const MultiTrackSynthesizer::Result& r) {
 }
 
 int run(const Options& o) {
-  MusicDocument d;
-  try {
-    d = openDocument(o.file);
-  } catch (const OpenError& e) {
-    printError(e.what());
-    return 2;
-  }
+  std::optional<MusicDocument> opened = openOrReport(o.file);
+  if (!opened) return 2;
+  MusicDocument& d = *opened;
   NEUTRINOConfig config = NEUTRINOConfig::load().value_or(NEUTRINOConfig{});
   if (!o.engine.empty()) config.neutrinoDirectory = fs::absolute(o.engine).string();
   if (config.neutrinoDirectory.empty()) {
