@@ -3,17 +3,16 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 
 #include "cli/command.h"
+#include "cli/progress_line.h"
 #include "melvo/app/auto_save_manager.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
-#include "melvo/platform/reference_date.h"
 
 namespace melvo::cli {
 namespace {
@@ -37,15 +36,6 @@ Json toJson(const AutoSaveSnapshot& s) {
   j["title"] = s.title;
   j["projectPath"] = s.projectPath ? Json(*s.projectPath) : Json(nullptr);
   return j;
-}
-
-std::string localTime(double referenceSecs) {
-  std::time_t t = std::chrono::system_clock::to_time_t(fromReferenceSeconds(referenceSecs));
-  std::tm local{};
-  localtime_r(&t, &local);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local);
-  return buf;
 }
 
 int list(const Options& o) {

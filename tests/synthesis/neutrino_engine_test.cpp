@@ -12,8 +12,8 @@
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
+#include "support/engine_test_support.h"
 #include "support/test_support.h"
-#include "synthesis/engine_test_support.h"
 
 namespace fs = std::filesystem;
 

@@ -5,8 +5,8 @@
 #include "melvo/model/project_file.h"
 #include "melvo/platform/json.h"
 #include "melvo/synthesis/multi_track_synthesizer.h"
+#include "support/engine_test_support.h"
 #include "support/test_support.h"
-#include "synthesis/engine_test_support.h"
 
 namespace fs = std::filesystem;
 

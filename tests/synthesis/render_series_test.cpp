@@ -8,8 +8,8 @@
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/paths.h"
 #include "melvo/synthesis/multi_track_synthesizer.h"
+#include "support/engine_test_support.h"
 #include "support/test_support.h"
-#include "synthesis/engine_test_support.h"
 
 namespace fs = std::filesystem;
 

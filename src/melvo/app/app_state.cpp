@@ -8,6 +8,8 @@
 #include "melvo/platform/log.h"
 #include "melvo/platform/reference_date.h"
 #include "melvo/platform/text.h"
+#include "melvo/synthesis/multi_track_synthesizer.h"
+#include "melvo/synthesis/neutrino_engine.h"
 
 namespace melvo {
 namespace fs = std::filesystem;
@@ -75,6 +77,12 @@ std::vector<T> decodeList(const Json* list, F decodeOne) {
   return out;
 }
 
+std::string absolutePath(const fs::path& p) {
+  std::error_code ec;
+  const fs::path a = fs::absolute(p, ec);
+  return (ec ? p : a).lexically_normal().string();
+}
+
 bool fileExists(const std::string& path) {
   std::error_code ec;
   return fs::exists(path, ec);
@@ -87,12 +95,20 @@ AppState::AppState(EventLoop& loop, FrontEnd fe)
   loadConfig();
   loadRecents();
   loadTakes();
+  // A change of volume, pan, mute or solo (by an edit or by undo) is heard at once from the
+  // voices already sung.
+  pianoRollVM_.subscribe([this](std::string_view property) {
+    if (property == "document") mixMayHaveChanged();
+  });
   autoSave_.bind([this]() -> std::optional<std::pair<MusicDocument, bool>> {
     return std::make_pair(pianoRollVM_.document(), pianoRollVM_.isDirty());
   });
 }
 
-AppState::~AppState() = default;
+AppState::~AppState() {
+  alive_.reset();
+  if (voiceRemixWork_.joinable()) voiceRemixWork_.join();
+}
 
 void AppState::start() {
   log::write("AppState", substitute("Melvo %@", {MELVO_VERSION}));
@@ -161,9 +177,10 @@ std::optional<std::string> AppState::mixdownRefusal(MixdownKind kind) const {
   if (_config.neutrinoDirectory.empty()) return tr("NEUTRINO フォルダが設定されていません");
   const auto& vm = pianoRollVM_;
   const MusicDocument& d = vm.document();
-  const bool isRange = kind == MixdownKind::range || kind == MixdownKind::selectedTrackRange;
+  const bool isRange =
+      kind == MixdownKind::rangeAllTracks || kind == MixdownKind::rangeSelectedTrack;
   const bool isTrack =
-      kind == MixdownKind::selectedTrack || kind == MixdownKind::selectedTrackRange;
+      kind == MixdownKind::selectedTrack || kind == MixdownKind::rangeSelectedTrack;
   // The range is the loop span chosen on the ruler.
   const bool haveRange = vm.loopEndTick() > vm.loopStartTick();
   if (isRange && !haveRange) return tr("区間が選ばれていません（物差しを Shift+ドラッグ）");
@@ -175,13 +192,13 @@ std::optional<std::string> AppState::mixdownRefusal(MixdownKind kind) const {
   auto inRange = [&](const NoteEvent& n) {
     return n.tick < vm.loopEndTick() && n.endTick() > vm.loopStartTick();
   };
-  if (kind == MixdownKind::range) {
+  if (kind == MixdownKind::rangeAllTracks) {
     bool any = false;
     for (const auto& t : d.tracks)
       any = any || std::any_of(t.notes.begin(), t.notes.end(), inRange);
     if (!any) return tr("区間の中に音符がありません");
   }
-  if (kind == MixdownKind::selectedTrackRange &&
+  if (kind == MixdownKind::rangeSelectedTrack &&
       !std::any_of(track->notes.begin(), track->notes.end(), inRange))
     return tr("区間の中に選択中のトラックの音符がありません");
   return std::nullopt;
@@ -230,7 +247,9 @@ AppState::FlowResult AppState::open(const fs::path& url) {
     alert(e.what());
     return FlowResult::failed;
   }
-  const std::string path = url.string();
+  // One spelling of a path, whatever the working folder: recent files and the autosave's
+  // project key are compared as text.
+  const std::string path = absolutePath(url);
   if (text::asciiLower(url.extension().string()) == ".nsproj") {
     if (_projectFilePath != path) {
       _projectFilePath = path;
@@ -248,6 +267,16 @@ AppState::FlowResult AppState::open(const fs::path& url) {
   autoSave_.setProject(_projectFilePath);
   setShowHome(false);
   return FlowResult::done;
+}
+
+void AppState::adoptDocument(MusicDocument document, const fs::path& file) {
+  std::optional<std::string> project;
+  const std::string path = absolutePath(file);
+  if (text::asciiLower(file.extension().string()) == ".nsproj") project = path;
+  assign(_projectFilePath, project, "projectFilePath");
+  pianoRollVM_.swapDocument(std::move(document), path);
+  autoSave_.setProject(_projectFilePath);
+  setShowHome(false);
 }
 
 AppState::FlowResult AppState::importScore() {
@@ -280,7 +309,7 @@ AppState::FlowResult AppState::saveAs() {
       {tr("曲を保存"), pianoRollVM_.document().title + ".nsproj", "melvo.project"});
   if (!chosen) return FlowResult::cancelled;
   if (!writeTo(*chosen)) return FlowResult::failed;
-  const std::string path = chosen->string();
+  const std::string path = absolutePath(*chosen);
   _projectFilePath = path;
   notify("projectFilePath");
   pianoRollVM_.setFilePath(path);

@@ -8,8 +8,11 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "melvo/app/auto_save_manager.h"
@@ -18,12 +21,14 @@
 #include "melvo/editing/piano_roll_view_model.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/uuid.h"
+#include "melvo/synthesis/diagnosis.h"
+#include "melvo/synthesis/mixdown_kind.h"
 #include "melvo/synthesis/neutrino_config.h"
 
 namespace melvo {
 
-// Stand-in until the mixdown work defines the kinds of render.
-enum class MixdownKind { all, selectedTrack, range, selectedTrackRange };
+class NEUTRINOEngine;
+class MultiTrackSynthesizer;
 
 struct FrontEnd {
   enum class Answer { primary, secondary, cancel };
@@ -88,10 +93,22 @@ class AppState : public Observable {
 
   enum class FlowResult { done, cancelled, refused, failed };
 
+  // How a render or a re-render ended, for whoever started it.
+  struct SynthesisOutcome {
+    bool success = false;
+    bool revocode = false;
+    std::optional<std::string> wavPath;  // the mix (or the re-rendered voice's new mix)
+    std::string message;                 // what the log ended with
+    std::optional<Diagnosis> diagnosis;  // a failure the log explains
+    std::vector<int> renderedTracks;
+  };
+
   static constexpr std::size_t kRecentLimit = 25;
   static constexpr std::size_t kTakeLimit = 10;
   static constexpr const char* kRecentFilesKey = "melvo.recentFiles";
   static constexpr const char* kTakeHistoryKey = "melvo.takeHistory";
+  // Silence this long from a running engine earns a word in the progress panel.
+  static constexpr double kStallSeconds = 25.0;
 
   // Loads the settings, recent files and takes, and binds autosave to the editor model. The
   // timer and the recovery scan wait for start().
@@ -126,15 +143,61 @@ class AppState : public Observable {
   // What the history window lists: this song's copies, newest first.
   std::vector<AutoSaveSnapshot> showHistory() const { return autoSave_.listSnapshots(); }
   FlowResult restoreSnapshot(const AutoSaveSnapshot& snapshot);
+  // Takes a song that a front end has already read (the command line), without the questions
+  // and the recent-files entry of open().
+  void adoptDocument(MusicDocument document, const std::filesystem::path& file);
 
   // Why a render of `kind` cannot run now, or nothing.
   std::optional<std::string> mixdownRefusal(MixdownKind kind) const;
   // The check a render request makes first: a running render is refused with an alert.
   bool refuseRenderWhileRendering();
 
+  // ---- Rendering ----
+  // Starts a render of `kind` after the last checks. A refusal is returned (and logged or
+  // alerted) before any process starts, leaving everything as it was; otherwise the end comes
+  // through synthesisEnded on the main queue.
+  std::optional<std::string> startSynthesis(MixdownKind kind);
+  // Ends the series; the run ends as a failure and its files stay.
+  void cancelSynthesis();
+  bool canCancelSynthesis() const { return static_cast<bool>(_cancelSynthesis); }
+  // Runs the engine's late stage again in the folder of the loaded curve, after the curve
+  // (skipF0) or the timing was edited. A refusal is returned; the end comes as above.
+  std::optional<std::string> startRevocode(bool skipF0);
+  // Mixes the voices of the last render again with the current volume, pan, mute and solo.
+  void remixVoices();
+  std::function<void(const SynthesisOutcome&)> synthesisEnded;
+  // Where the next render's files go instead of a new folder under the Music folder.
+  std::optional<std::filesystem::path> runFolderOverride;
+  // How long the start waits for the engine to show a loader failure.
+  double engineCheckTimeoutSec = 8.0;
+
+  double synthesisProgress() const { return _synthesisProgress; }
+  std::optional<double> synthesisETA() const { return _synthesisETA; }
+  const std::string& synthesisStage() const { return _synthesisStage; }
+  const std::vector<std::string>& synthesisLog() const { return _synthesisLog; }
+  const std::optional<std::string>& synthesisStalledMessage() const {
+    return _synthesisStalledMessage;
+  }
+  const std::optional<std::string>& lastSynthesizedWAV() const { return _lastSynthesizedWAV; }
+  const std::optional<Diagnosis>& lastDiagnosis() const { return _lastDiagnosis; }
+  bool autoPlayAfterSynthesis() const { return _autoPlayAfterSynthesis; }
+  void setAutoPlayAfterSynthesis(bool on) {
+    assign(_autoPlayAfterSynthesis, on, "autoPlayAfterSynthesis");
+  }
+  // The memory of the last mix (track id to voice file), and what a re-mix made of it.
+  const std::map<Uuid, std::string>& trackVoiceWAVs() const { return trackVoiceWAVs_; }
+  const std::optional<std::string>& lastLiveMixPath() const { return lastLiveMixPath_; }
+  float voiceRemixScale() const { return voiceRemixScale_; }
+  // Audible voiced tracks with notes that the live mix lacks: only a new render brings them.
+  const std::vector<Uuid>& tracksNeedingSynthesis() const { return _tracksNeedingSynthesis; }
+  // Waits for a running re-mix (tests, and the end of a command).
+  void waitForRemix();
+
   // ---- Settings ----
   const NEUTRINOConfig& config() const { return _config; }
   void setConfig(NEUTRINOConfig config);  // saves
+  // For this session only: a command's --engine must not change the user's settings.
+  void overrideConfig(NEUTRINOConfig config) { assign(_config, std::move(config), "config"); }
   void loadConfig();
   void saveConfig();
 
@@ -152,7 +215,8 @@ class AppState : public Observable {
   // ---- State ----
   const std::optional<std::string>& projectFilePath() const { return _projectFilePath; }
   bool isSynthesizing() const { return _isSynthesizing; }
-  void setIsSynthesizing(bool on) { assign(_isSynthesizing, on, "isSynthesizing"); }
+  // Turning it on starts the stall watch, turning it off ends it.
+  void setIsSynthesizing(bool on);
   bool showHome() const { return _showHome; }
   void setShowHome(bool on) { assign(_showHome, on, "showHome"); }
   const std::vector<AutoSaveSnapshot>& recoverableSnapshots() const {
@@ -172,6 +236,24 @@ class AppState : public Observable {
   bool settleDirtySong(const char* text, const char* saveAndGo, const char* discardAndGo);
   bool writeTo(const std::filesystem::path& path);
   void alert(const std::string& text);
+  // Rendering.
+  std::optional<std::string> refuseSynthesis(std::string text, bool toLog);
+  void resetSynthesisFields(const std::string& stage);
+  void synthesisProgressed(double percentage, const std::string& stage, std::optional<double> eta);
+  void appendSynthesisLog(const std::string& line);
+  void markSynthesisAlive();
+  void stallTick();
+  struct RenderStart;
+  void synthesisFinished(const RenderStart& start, bool success, std::optional<std::string> mix,
+                         std::vector<std::pair<int, std::string>> rendered, float scale);
+  void loadRenderedData(const std::filesystem::path& trackDir, const Uuid& trackID);
+  void revocodeFinished(bool ok, bool skipF0, const std::filesystem::path& dir,
+                        std::uint64_t swapSeq,
+                        const std::optional<std::vector<float>>& curveAtStart);
+  void endSynthesis(SynthesisOutcome outcome);
+  void recomputeTracksNeedingSynthesis();
+  void remixFinished(std::uint64_t seq, bool ok, const std::string& path);
+  void mixMayHaveChanged();
 
   EventLoop& loop_;
   Preferences preferences_;
@@ -184,6 +266,33 @@ class AppState : public Observable {
   std::vector<Take> _takeHistory;
   std::vector<RecentFile> _recentFiles;
   bool _isSynthesizing = false;
+  double _synthesisProgress = 0;
+  std::optional<double> _synthesisETA;
+  std::string _synthesisStage;
+  std::vector<std::string> _synthesisLog;
+  std::optional<Clock::time_point> _synthesisLastProgressAt;
+  std::optional<std::string> _synthesisStalledMessage;
+  RepeatingTimer _stallTimer;
+  std::function<void()> _cancelSynthesis;
+  std::optional<Diagnosis> _lastDiagnosis;
+  bool _autoPlayAfterSynthesis = false;
+  std::vector<Uuid> _tracksNeedingSynthesis;
+  // The last mix.
+  std::map<Uuid, std::string> trackVoiceWAVs_;
+  std::map<Uuid, std::string> trackVoiceVoices_;  // the voice each was sung with
+  std::optional<std::string> voiceRemixDir_;
+  std::optional<std::string> voiceBaseWAV_;
+  float voiceRemixScale_ = 1.0f;
+  std::uint64_t voiceRemixSeq_ = 0;
+  std::optional<std::string> lastLiveMixPath_;
+  std::vector<std::string> staleLiveMixes_;
+  std::uint64_t voiceMixSwapSeq_ = 0;  // the song the memory belongs to
+  std::string voiceMixSignature_;      // the mixer settings the live mix was made with
+  std::thread voiceRemixWork_;
+  bool remixPending_ = false;
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+  std::unique_ptr<NEUTRINOEngine> engine_;
+  std::unique_ptr<MultiTrackSynthesizer> synthesizer_;
   bool _showHome = false;
   std::vector<AutoSaveSnapshot> _recoverableSnapshots;
   bool _recoveryDismissed = false;

@@ -142,4 +142,11 @@ MixResult mix(const std::vector<std::filesystem::path>& paths, const std::vector
   return result;
 }
 
+std::optional<double> durationSec(const std::filesystem::path& path) {
+  SF_INFO info{};
+  SndfilePtr f(sf_open(path.c_str(), SFM_READ, &info));
+  if (!f || info.samplerate <= 0) return std::nullopt;
+  return static_cast<double>(info.frames) / info.samplerate;
+}
+
 }  // namespace melvo::mixdown

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 namespace melvo {
@@ -42,6 +43,9 @@ float scaleFor(float peak, float limit);
 MixResult mix(const std::vector<std::filesystem::path>& paths, const std::vector<float>& gains,
               const std::vector<float>& pans, const std::filesystem::path& outputPath,
               float limit = 1.0f);
+
+// The length of an audio file in seconds; nothing when it cannot be read.
+std::optional<double> durationSec(const std::filesystem::path& path);
 
 }  // namespace mixdown
 }  // namespace melvo

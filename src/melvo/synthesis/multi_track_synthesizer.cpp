@@ -9,6 +9,8 @@
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"
+#include "melvo/platform/json.h"
+#include "melvo/platform/log.h"
 #include "melvo/platform/paths.h"
 #include "melvo/synthesis/mixdown.h"
 
@@ -211,11 +213,25 @@ void MultiTrackSynthesizer::mixAll(std::shared_ptr<Run> run) {
     pans.push_back(std::isfinite(p.pan) ? static_cast<float>(std::clamp(p.pan, -1.0, 1.0)) : 0.0f);
   }
   const fs::path out = run->runDir / "mix.wav";
+  MixRecipe recipe;
+  for (std::size_t k = 0; k < run->plans.size(); ++k) {
+    const TrackPlan& p = run->plans[k];
+    recipe.voices.push_back({p.outputDir.filename().string(), p.characterName, gains[k], pans[k]});
+  }
   if (mixer_.joinable()) mixer_.join();
   std::weak_ptr<int> alive = alive_;
   mixer_ = std::thread([this, run, alive, paths = std::move(paths), gains = std::move(gains),
-                        pans = std::move(pans), out] {
+                        pans = std::move(pans), out, recipe = std::move(recipe)]() mutable {
     const MixResult mixed = mixdown::mix(paths, gains, pans, out, 1.0f);
+    if (mixed.ok) {
+      recipe.scale = mixed.scale;
+      try {
+        writeMixRecipe(run->runDir, recipe);
+      } catch (const FileError& e) {
+        // The mix stands without it; only a later re-render of the folder needs it.
+        log::write("Mixdown", std::string("mix recipe not written: ") + e.what());
+      }
+    }
     loop_.post([this, run, alive, mixed, out] {
       if (alive.expired()) return;
       Result result;
@@ -233,6 +249,45 @@ void MultiTrackSynthesizer::mixAll(std::shared_ptr<Run> run) {
       finish(run, std::move(result));
     });
   });
+}
+
+void MultiTrackSynthesizer::writeMixRecipe(const fs::path& runDir, const MixRecipe& recipe) {
+  Json voices = Json::array();
+  for (const auto& v : recipe.voices)
+    voices.push(Json::Object{{"folder", v.folder},
+                             {"voice", v.characterName},
+                             {"gain", static_cast<double>(v.gain)},
+                             {"pan", static_cast<double>(v.pan)}});
+  Json o = Json::object();
+  o["voices"] = std::move(voices);
+  o["scale"] = static_cast<double>(recipe.scale);
+  writeFileAtomically(runDir / kMixRecipeFile, o.dump(JsonStyle::Pretty) + "\n");
+}
+
+std::optional<MultiTrackSynthesizer::MixRecipe> MultiTrackSynthesizer::readMixRecipe(
+    const fs::path& runDir) {
+  try {
+    const Json o = Json::parse(readFile(runDir / kMixRecipeFile));
+    MixRecipe r;
+    const Json* scale = o.find("scale");
+    const Json* voices = o.find("voices");
+    if (!scale || !voices) return std::nullopt;
+    r.scale = static_cast<float>(scale->asDouble());
+    for (const Json& v : voices->asArray()) {
+      const Json *folder = v.find("folder"), *voice = v.find("voice"), *gain = v.find("gain"),
+                 *pan = v.find("pan");
+      if (!folder || !voice || !gain || !pan) return std::nullopt;
+      // A folder that climbs out of the run would let an edited file point anywhere.
+      const fs::path f(folder->asString());
+      if (f.empty() || f.is_absolute() || f.filename() != f) return std::nullopt;
+      r.voices.push_back({folder->asString(), voice->asString(),
+                          static_cast<float>(gain->asDouble()),
+                          static_cast<float>(pan->asDouble())});
+    }
+    return r;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
 void MultiTrackSynthesizer::finish(const std::shared_ptr<Run>& run, Result result) {

@@ -13,6 +13,7 @@
 
 #include "melvo/model/music_document.h"
 #include "melvo/platform/event_loop.h"
+#include "melvo/synthesis/mixdown_kind.h"
 #include "melvo/synthesis/neutrino_config.h"
 #include "melvo/synthesis/neutrino_engine.h"
 
@@ -44,6 +45,24 @@ class MultiTrackSynthesizer {
     std::vector<Uuid> renderedTrackIDs;
     float scale = 1.0f;
   };
+
+  // What a run's mix was made of, kept beside mix.wav as mix.json so that a later re-render
+  // of the run's folder can mix its voices again as the render did, without the song.
+  struct MixRecipe {
+    struct Voice {
+      std::string folder;  // the track's folder, relative to the run folder
+      std::string characterName;
+      float gain = 1.0f;
+      float pan = 0.0f;
+    };
+    std::vector<Voice> voices;
+    float scale = 1.0f;  // the render's scale: a re-mix may not come out louder
+  };
+  static constexpr const char* kMixRecipeFile = "mix.json";
+  // Throws FileError.
+  static void writeMixRecipe(const std::filesystem::path& runDir, const MixRecipe& recipe);
+  // Nothing when the file is missing or not a recipe.
+  static std::optional<MixRecipe> readMixRecipe(const std::filesystem::path& runDir);
 
   using ProgressHandler = NEUTRINOEngine::ProgressHandler;
   using LogHandler = NEUTRINOEngine::LogHandler;

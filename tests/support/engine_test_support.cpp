@@ -1,4 +1,4 @@
-#include "synthesis/engine_test_support.h"
+#include "support/engine_test_support.h"
 
 #include <sys/stat.h>
 
