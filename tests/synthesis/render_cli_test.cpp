@@ -74,6 +74,60 @@ TEST(RenderCommand, TheExampleSongRendersToAMixAndPrintsItsPath) {
       out / ("track1_" + MultiTrackSynthesizer::safeName(d.tracks[0].name)) / "output.wav";
   EXPECT_EQ(result["tracks"].asArray().at(0)["wav"].asString(), wav.string());
   EXPECT_TRUE(fs::exists(wav));
+
+  // Both renders are takes, the newest first.
+  const auto t = test::runMelvo({"takes", "--json"});
+  ASSERT_EQ(t.status, 0) << t.err;
+  Json takes = Json::parse(t.out);
+  ASSERT_EQ(takes.size(), 2u);
+  EXPECT_EQ(takes.asArray()[0]["wavPath"].asString(), (out / "mix.wav").string());
+  EXPECT_EQ(takes.asArray()[1]["wavPath"].asString(), mix.string());
+  EXPECT_EQ(takes.asArray()[0]["characterName"].asString(), "alto");
+}
+
+TEST(RenderCommand, OnlyEditedTracksAreRenderedAgainAndMixedAsBefore) {
+  test::TempHome home;
+  const fs::path engine = home.path() / "engine";
+  fs::create_directories(engine / "model" / "alto");
+  fs::create_symlink(test::standInEngine() / "bin", engine / "bin");
+  MusicDocument d = openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
+  d.tracks[0].characterName = "alto";
+  writeProject(d, home.path() / "song.nsproj");
+  const fs::path out = home.path() / "out";
+  // Two bars only: the score stops at the bar line where the range ends.
+  const auto r = test::runMelvo({"render", (home.path() / "song.nsproj").string(), "--engine",
+                                 engine.string(), "--out", out.string(), "--bars", "2"},
+                                {"LANGUAGE=ja"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(has(r.err, "この範囲までを合成します（2 小節）")) << r.err;
+  const fs::path trackDir = out / ("track1_" + MultiTrackSynthesizer::safeName(d.tracks[0].name));
+  // The writer closes a score with one bar of rest, so the third bar holds no pitch.
+  const std::string score = test::readText(trackDir / "score.musicxml");
+  const auto third = score.find("<measure number=\"3\"");
+  ASSERT_NE(third, std::string::npos);
+  EXPECT_EQ(score.find("<measure number=\"4\""), std::string::npos);
+  EXPECT_EQ(score.find("<pitch>", third), std::string::npos);
+
+  const auto mixTime = fs::last_write_time(out / "mix.wav");
+  const std::vector<std::string> rerender{"rerender", out.string(), "--engine", engine.string(),
+                                          "--skip-f0"};
+  auto again = test::runMelvo(rerender);
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_TRUE(has(again.err, "--all")) << again.err;  // nothing was edited
+  EXPECT_EQ(fs::last_write_time(out / "mix.wav"), mixTime);
+
+  // An edited curve is sung by the late stage and mixed again.
+  test::writeText(trackDir / "output.f0", test::readText(trackDir / "output.f0"));
+  again = test::runMelvo(rerender);
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(again.out, (out / "mix.wav").string() + "\n");
+  EXPECT_GT(fs::last_write_time(out / "mix.wav"), mixTime);
+  EXPECT_GT(fs::last_write_time(trackDir / "output.wav"),
+            fs::last_write_time(trackDir / "output.f0"));
+
+  const auto notARun =
+      test::runMelvo({"rerender", home.path().string(), "--engine", engine.string()});
+  EXPECT_EQ(notARun.status, 2);
 }
 
 }  // namespace
