@@ -16,8 +16,13 @@ demo: deps
 	./build/release/bin/melvo convert $(EXAMPLE) out/sakura.mid
 	@echo "demo: wrote out/sakura.musicxml and out/sakura.mid"
 	@rm -rf out/render
-	MELVO_HOME=$(CURDIR)/out/home ./build/release/bin/melvo render $(EXAMPLE) \
-	  --engine build/release/stand-in-engine --out out/render
+	@# The stand-in engine is installed like a user's engine folder, apart from the build.
+	@engine=$$(mktemp -d) && trap 'rm -rf "$$engine"' EXIT && \
+	  cp -r build/release/stand-in-engine/. "$$engine" && \
+	  echo "demo: stand-in engine installed in $$engine" && \
+	  mix=$$(MELVO_HOME=$(CURDIR)/out/home ./build/release/bin/melvo render $(EXAMPLE) \
+	    --engine "$$engine" --out out/render) && \
+	  echo "demo: rendered the example song to $$mix"
 
 test: deps format-check
 	cmake --preset ci >/dev/null
