@@ -1,6 +1,7 @@
 // melvo fix IN OUT [--off SWITCH…] [--on SWITCH…] [--json]: the clean-up as one step, the
 // result written as a project, and the report pass by pass. Only passes that really run are
-// offered as switches, so a name that is accepted always means work done.
+// offered as switches, so a name that is accepted always means work done. The three findings
+// that may be intended are treated as the user decided them, as the editor's clean-up does.
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -8,6 +9,8 @@
 
 #include "cli/command.h"
 #include "cli/open_song.h"
+#include "melvo/app/cleanup_policy_store.h"
+#include "melvo/app/preferences.h"
 #include "melvo/checking/cleanup_engine.h"
 #include "melvo/model/bar_ruler.h"
 #include "melvo/model/project_file.h"
@@ -76,7 +79,9 @@ int fix(const Options& o) {
   std::vector<Uuid> sung;
   for (int i : d.voicedTrackIndices(false))
     sung.push_back(d.tracks[static_cast<std::size_t>(i)].id);
-  const CleanupResult result = runCleanup(d, options, sung);
+  Preferences preferences;
+  const CleanupPolicyStore decisions(preferences);
+  const CleanupResult result = runCleanup(d, options, sung, {}, decisions.policy());
   try {
     writeProject(result.document, o.out);
   } catch (const FileError& e) {

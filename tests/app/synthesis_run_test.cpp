@@ -288,5 +288,62 @@ TEST_F(SynthesisRunTest, ARenderIsTakenLoadedForEditingRemixedAndReRendered) {
   EXPECT_EQ(app.takeHistory().size(), 1u);  // a re-render is not a new take
 }
 
+TEST_F(SynthesisRunTest, AReRenderAfterATimingEditTakesTheNewCurveOnlyIfTheLineStayedPut) {
+  useStandIn();
+  setSong({track("Lead", "alto", 60)});
+  AppState& app = *core->app;
+  app.runFolderOverride = home.path() / "run";
+  ASSERT_FALSE(app.startSynthesis(MixdownKind::selectedTrack));
+  ASSERT_TRUE(waitForEnd().success) << ::testing::PrintToString(app.synthesisLog());
+  PianoRollViewModel& vm = core->vm();
+  ASSERT_TRUE(vm.phonemes() && vm.editedPitchCurve());
+
+  // A boundary moved: the engine predicts the curve again, and it replaces the line.
+  PhonemeList moved = *vm.phonemes();
+  ASSERT_GE(moved.phonemes.size(), 3u);
+  moved.phonemes[1].endNS += 500000;
+  moved.phonemes[2].startNS += 500000;
+  vm.setPhonemes(moved);
+  PitchCurve flat = *vm.editedPitchCurve();
+  std::fill(flat.frequencies.begin(), flat.frequencies.end(), 200.0f);
+  vm.setEditedPitchCurve(flat);  // drawn over, but a timing re-render predicts anew
+  ASSERT_FALSE(app.startRevocode(false));
+  auto outcome = waitForEnd();
+  ASSERT_TRUE(outcome.success) << ::testing::PrintToString(app.synthesisLog());
+  EXPECT_EQ(outcome.message, "✓ 音の境目の直しを反映して、f0 も推し直し、WAV を作り直しました");
+  EXPECT_EQ(PhonemeList::read(home.path() / "run" / "track1_Lead" / "timing.lab"), moved);
+  EXPECT_NE(vm.editedPitchCurve()->frequencies, flat.frequencies);
+  EXPECT_EQ(vm.originalPitchCurve(), vm.editedPitchCurve());
+
+  // The line is redrawn while the engine works: the prediction must not overwrite it.
+  ASSERT_FALSE(app.startRevocode(false));
+  vm.setEditedPitchCurve(flat);
+  outcome = waitForEnd();
+  ASSERT_TRUE(outcome.success);
+  EXPECT_NE(outcome.message.find("推し直した f0 は線に載せていません"), std::string::npos);
+  EXPECT_EQ(vm.editedPitchCurve()->frequencies, flat.frequencies);
+}
+
+TEST_F(SynthesisRunTest, CancelEndsTheRunAsAFailureAndKeepsItsFiles) {
+  test::makeFakeEngine(engine, "[ $# -eq 0 ] && exit 0\necho '30% thinking'\nsleep 30");
+  useEngine();
+  setSong({track("Lead", "voice", 60)});
+  AppState& app = *core->app;
+  app.runFolderOverride = home.path() / "run";
+  ASSERT_FALSE(app.startSynthesis(MixdownKind::allTracks));
+  // A second request while it runs is refused with the alert.
+  EXPECT_EQ(app.startSynthesis(MixdownKind::allTracks), "現在合成中です。完了をお待ちください。");
+  ASSERT_TRUE(test::pumpUntil(
+      core->loop, [&] { return logHas("30% thinking"); }, 30s));
+  ASSERT_TRUE(app.canCancelSynthesis());
+  app.cancelSynthesis();
+  const auto outcome = waitForEnd();
+  EXPECT_FALSE(outcome.success);
+  EXPECT_FALSE(app.isSynthesizing());
+  EXPECT_FALSE(app.canCancelSynthesis());
+  EXPECT_TRUE(fs::exists(home.path() / "run" / "track1_Lead" / "score.musicxml"));
+  EXPECT_TRUE(app.takeHistory().empty());
+}
+
 }  // namespace
 }  // namespace melvo

@@ -2,6 +2,7 @@
 // and checked, not their words.
 #include <gtest/gtest.h>
 
+#include "melvo/app/cleanup_policy_store.h"
 #include "melvo/model/project_file.h"
 #include "score_validator_support.h"
 #include "support/test_support.h"
@@ -40,6 +41,28 @@ TEST(RepairCommands, FixWritesTheCleanedSongAndHonoursSwitches) {
   ASSERT_EQ(fixed.tracks[0].notes.size(), 3u);
   EXPECT_EQ(fixed.tracks[0].notes[2].lyric, "を");
   EXPECT_EQ(test::runMelvo({"fix", in, out, "--off", "pitchOutOfRange"}).status, 2);
+}
+
+// The command treats the findings that may be intended as the user decided in the editor.
+TEST(RepairCommands, FixFollowsTheStoredDecisions) {
+  test::TempHome home;
+  test::TempDir dir;
+  MusicDocument d = test::song({note(0, 480, "か"), note(480, 480, "き")});
+  d.tracks[0].notes.mutableAt(1).velocity = 0;
+  writeProject(d, dir / "in.nsproj");
+  const auto in = (dir / "in.nsproj").string(), out = (dir / "out.nsproj").string();
+
+  auto run = test::runMelvo({"fix", in, out, "--json"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("\"pendingDecisions\" : 1"), std::string::npos) << run.out;
+  EXPECT_EQ(readProject(out).tracks[0].notes[1].velocity, 0);
+
+  Preferences prefs;
+  CleanupPolicyStore(prefs).setDecision(AmbiguousPattern::ghostVelocity, CleanupDecision::autoFix);
+  run = test::runMelvo({"fix", in, out, "--json"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("\"pendingDecisions\" : 0"), std::string::npos) << run.out;
+  EXPECT_EQ(readProject(out).tracks[0].notes[1].velocity, 100);
 }
 
 }  // namespace

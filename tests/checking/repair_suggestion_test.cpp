@@ -228,13 +228,53 @@ TEST(RepairActions, TimingAndAddedNotesKeepTheTrackInTickOrder) {
   EXPECT_EQ(lyrics, (std::vector<std::string>{"き", "ん", "く", "か"}));
 }
 
-TEST(RepairActions, InsertTimeLeavesTheOpeningMapsInPlace) {
+// Tempo and meter edits name no note, yet they change the song: each tick they change has
+// its line in the log, and a tick they leave as it was has none.
+TEST(RepairActions, MapEditsAreLoggedTickByTick) {
+  MusicDocument d = song(legato({"か", "き", "く"}, 480));
+  d.tempoMap = {{0, 120}, {960, 100}};
+  d.timeSignatures = {{0, 4, 4}};
+  auto r = applySuggestionAction(d, S::SetTempos{0, 960, {{0, 90}, {480, 110}}}, {}, "x");
+  ASSERT_EQ(r.document.tempoMap.size(), 3u);
+  EXPECT_EQ(r.document.tempoMap[2].bpm, 100);
+  ASSERT_EQ(r.log.size(), 2u);
+  EXPECT_EQ(r.log[0], (RepairLogEntry{Uuid(), -1, 0, "x", "120", "90"}));
+  EXPECT_EQ(r.log[1], (RepairLogEntry{Uuid(), -1, 480, "x", "", "110"}));
+
+  r = applySuggestionAction(d, S::SetTimeSignature{0, 3, 4}, {}, "x");
+  ASSERT_EQ(r.log.size(), 1u);
+  EXPECT_EQ(r.log[0], (RepairLogEntry{Uuid(), -1, 0, "x", "4/4", "3/4"}));
+  EXPECT_TRUE(applySuggestionAction(d, S::SetTimeSignature{0, 4, 4}, {}, "x").log.empty());
+}
+
+// Inserted time moves the notes, the maps after the opening events, and with them the places,
+// seals and fixes of the other import notices, which stay in force.
+TEST(RepairActions, InsertedTimeCarriesThePendingFixesAlong) {
   MusicDocument d = song(legato({"か", "き"}, 480));
   d.tempoMap = {{0, 120}, {480, 100}};
-  const auto r = applySuggestionAction(d, S::InsertTime{0, 960}, {}, "x");
+  const Uuid ki = d.tracks[0].notes[1].id;
+  d.addNotice(notice_kinds::tempoInsideNote, 0, std::nullopt, 0, std::nullopt,
+              {{S::InsertTime{0, 960}}});
+  d.addNotice(notice_kinds::midiTextNotLyrics, 0, ki, 480, std::string("い"),
+              {{S::SetTiming{{{ki, 480, 240}}}}});
+  sealNotices(d);
+  ValidationIssue row;
+  row.noticeID = d.importNotices[0].id;
+  const auto r = applySuggestion(d, row, {"x", S::InsertTime{0, 960}});
+
   EXPECT_EQ(r.document.tracks[0].notes[0].tick, 960);
   EXPECT_EQ(r.document.tempoMap[0].tick, 0);
   EXPECT_EQ(r.document.tempoMap[1].tick, 1440);
+  ASSERT_EQ(r.log.size(), 1u);
+  EXPECT_EQ(r.log[0], (RepairLogEntry{Uuid(), -1, 0, "x", "0", "960"}));
+
+  ASSERT_EQ(r.document.importNotices.size(), 1u);
+  const ImportNotice& left = r.document.importNotices[0];
+  EXPECT_EQ(left.places[0].tick, 1440);
+  EXPECT_EQ(left.places[0].fixes[0][0], SuggestionAction(S::SetTiming{{{ki, 1440, 240}}}));
+  const auto live = liveness(left, notesByID(r.document));
+  EXPECT_TRUE(live.placeStillMeant[0]);
+  EXPECT_TRUE(live.fixesStillValid[0]);
 }
 
 TEST(RepairCommit, OneUndoStepLoggedAndTakenBack) {

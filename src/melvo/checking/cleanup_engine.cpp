@@ -1,7 +1,6 @@
 #include "melvo/checking/cleanup_engine.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -36,6 +35,7 @@ constexpr const char* kTinyDeleted = N_("ごく短い音符を削除");
 constexpr const char* kTinyMerged = N_("ごく短い音符をまとめる");
 constexpr const char* kChord = N_("コード→単旋律化");
 constexpr const char* kOverlap = N_("音符の重なりを整える");
+constexpr const char* kTieSlur = N_("タイ/スラー二重解消");
 constexpr const char* kHeadBars = N_("冒頭空小節切り詰め");
 constexpr const char* kTieLyricDup = N_("タイでつないだ後ろの音符に、前と同じ歌詞が入っている");
 constexpr const char* kInvalidYouon =
@@ -93,6 +93,22 @@ std::optional<std::string> bracketReading(std::string_view lyric) {
     if (!text::trimWhitespace(inside).empty()) return inside;
   }
   return std::nullopt;
+}
+
+// Whether `later` only holds on the sound of `earlier`: no lyric, only ー, or the bare vowel
+// `earlier` ends on (か then あ, the form the earlier passes leave of か ー). A later note
+// that repeats the whole last syllable (あ then あ) sings it anew as far as the check is
+// concerned, so it is not a hold.
+bool holdsOn(std::string_view earlier, std::string_view later) {
+  const std::string form = lyricForExport(later);
+  std::size_t i = 0;
+  bool onlyChouon = true;
+  while (i < form.size() && onlyChouon) onlyChouon = text::nextScalar(form, i) == U'ー';
+  if (onlyChouon) return true;
+  const std::string before = lyricForExport(earlier);
+  const auto vowel = vowelOf(before);
+  const auto syllables = groupSyllables(before);
+  return vowel && form == *vowel && !syllables.empty() && syllables.back() != form;
 }
 
 bool allKana(std::string_view s) {
@@ -284,12 +300,15 @@ class Cleaner {
           notes.erase(i);
           continue;
         }
-        // Join the following tiny sung notes while the engine can still read the whole.
+        // Join the tiny sung notes that follow on without a rest, as the check counts a run
+        // (gaps of at most a tick), while the engine can still read the whole. Notes apart
+        // stay apart: joining them would make one long note over the rest between them.
         std::vector<std::string> parts{notes[i].lyric};
         std::string lyric = notes[i].lyric;
         std::int64_t end = notes[i].endTick();
         std::size_t j = i + 1;
-        while (j < notes.size() && tiny(notes[j]) && !lyricForExport(notes[j].lyric).empty() &&
+        while (j < notes.size() && tiny(notes[j]) && notes[j].tick - notes[j - 1].endTick() <= 1 &&
+               !lyricForExport(notes[j].lyric).empty() &&
                countPhonemes(lyric + notes[j].lyric) <= 8) {
           lyric += notes[j].lyric;
           parts.push_back(notes[j].lyric);
@@ -355,6 +374,29 @@ class Cleaner {
     });
   }
 
+  // A tie already holds the note on, so a slur over the same pair says it twice; the slur
+  // goes. A tie here is a note running straight into one of its own pitch that only holds
+  // the sound on. A later note that repeats the syllable is the ambiguous "same lyric after a
+  // tie", which is the user's call, so its slur stays for that decision.
+  void tieSlurConflict() {
+    begin(kTieSlur);
+    forEachTrack([&](int t, NoteList& notes) {
+      for (std::size_t i = 0; i < notes.size(); ++i) {
+        if (!notes[i].slurToNext) continue;
+        const std::int64_t end = notes[i].endTick();
+        bool tied = false;
+        for (std::size_t j = i + 1; j < notes.size() && notes[j].tick <= end && !tied; ++j)
+          tied = notes[j].tick == end && notes[j].pitch == notes[i].pitch &&
+                 holdsOn(notes[i].lyric, notes[j].lyric);
+        if (!tied) continue;
+        NoteEvent& n = notes.mutableAt(i);
+        n.slurToNext = false;
+        // The slur mark against nothing, as the breath mark is logged.
+        record(kTieSlur, n, t, "⌒", "");
+      }
+    });
+  }
+
   // Whole bars of silence before the first note go, and the song moves forward with its
   // tempo, meter and key; muted tracks move too so that the tracks stay together.
   void emptyHeadBars() {
@@ -372,14 +414,7 @@ class Cleaner {
     shiftMap(doc_.tempoMap, cut);
     shiftMap(doc_.timeSignatures, cut);
     shiftMap(doc_.keySignatures, cut);
-    for (auto& notice : doc_.importNotices) {
-      for (auto& place : notice.places) {
-        place.tick = std::max<std::int64_t>(0, place.tick - cut);
-        for (auto& button : place.fixes)
-          for (auto& action : button) action = shiftFixes(action, 0, -cut);
-      }
-      for (auto& [id, seal] : notice.sealed) seal.tick = std::max<std::int64_t>(0, seal.tick - cut);
-    }
+    shiftImportNotices(doc_, 0, -cut);
     record(kHeadBars, Uuid(), -1, 0,
            trf("空の小節 %d 個（%dtk）", {std::to_string(at.barNumber - 1), std::to_string(cut)}),
            tr("(詰めました)"));
@@ -489,16 +524,6 @@ std::size_t sungNotes(const MusicDocument& d, const std::vector<Uuid>& sung) {
   return count;
 }
 
-std::string bpmText(const TempoEvent& e) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%g", e.bpm);
-  return buf;
-}
-
-std::string meterText(const TimeSignatureEvent& e) {
-  return std::to_string(e.numerator) + "/" + std::to_string(e.denominator);
-}
-
 }  // namespace
 
 CleanupDecision CleanupPolicy::decision(AmbiguousPattern p) const {
@@ -532,6 +557,7 @@ const std::vector<CleanupSwitch>& implementedCleanupSwitches() {
       {"zeroLength", &CleanupOptions::zeroLength, kZeroLength},
       {"chordToMonophonic", &CleanupOptions::chordToMonophonic, kChord},
       {"overlap", &CleanupOptions::overlap, kOverlap},
+      {"tieSlurConflict", &CleanupOptions::tieSlurConflict, kTieSlur},
       {"tempoDedup", &CleanupOptions::tempoDedup, kTempoDedup},
       {"timeSigDedup", &CleanupOptions::timeSigDedup, kMeterDedup},
       {"emptyHeadBars", &CleanupOptions::emptyHeadBars, kHeadBars},
@@ -595,8 +621,9 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
   if (o.zeroLength) c.veryShortNotes();
   if (o.chordToMonophonic) c.chordToMonophonic();
   if (o.overlap) c.overlap();
+  if (o.tieSlurConflict) c.tieSlurConflict();
   MusicDocument& d = c.document();
-  if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, bpmText);
+  if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, tempoText);
   if (o.timeSigDedup)
     c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
   if (o.emptyHeadBars) c.emptyHeadBars();

@@ -15,7 +15,9 @@
 
 namespace melvo {
 
-// The switches in the order the record keeps them. Six of them have no pass yet.
+// The switches in the order the record keeps them. Six of them run no pass and stay only so
+// that a stored set of switches keeps its shape: pitchOutOfRange, orphanTie, slurNumbering,
+// tempoInvalid, timeSigDenom and emptyTailBars.
 struct CleanupOptions {
   bool utauResidue = true;
   bool unreadableKana = true;
@@ -50,6 +52,7 @@ struct CleanupOptions {
 };
 
 // Findings that can be slips or intent; the user decides once how the clean-up treats each.
+// The decisions are kept between runs by the application's CleanupPolicyStore.
 enum class AmbiguousPattern { invalidYouon, tieLyricDup, ghostVelocity };
 enum class CleanupDecision {
   ask,       // nothing changes; the rows are offered one by one after the run

@@ -1,6 +1,8 @@
 #include "melvo/checking/suggestion_applier.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <map>
 #include <optional>
 #include <set>
 #include <type_traits>
@@ -64,6 +66,21 @@ std::string timingText(std::int64_t tick, std::int64_t duration) {
   return num(tick) + "+" + num(duration);
 }
 
+// The events of a map grouped by tick, in stored order within a tick.
+template <typename Event>
+std::map<std::int64_t, std::vector<Event>> byTick(const std::vector<Event>& events) {
+  std::map<std::int64_t, std::vector<Event>> out;
+  for (const auto& e : events) out[e.tick].push_back(e);
+  return out;
+}
+
+template <typename Event, typename Show>
+std::string shownAll(const std::vector<Event>& events, Show show) {
+  std::string out;
+  for (std::size_t k = 0; k < events.size(); ++k) out += (k ? "／" : "") + show(events[k]);
+  return out;
+}
+
 class Applier {
  public:
   Applier(MusicDocument d, const ValidationIssue& row, std::string label)
@@ -94,6 +111,20 @@ class Applier {
   }
   void log(const NoteEvent& n, int track, std::string before, std::string after) {
     log_.push_back({n.id, track, n.tick, label_, std::move(before), std::move(after)});
+  }
+  // A change of the song's time axis concerns no note and no track.
+  void logTime(std::int64_t tick, std::string before, std::string after) {
+    log_.push_back({Uuid(), -1, tick, label_, std::move(before), std::move(after)});
+  }
+  // One line per tick whose events differ, with every event of that tick before and after.
+  template <typename Event, typename Show>
+  void logMapEdit(const std::vector<Event>& was, const std::vector<Event>& now, Show show) {
+    auto before = byTick(was), after = byTick(now);
+    std::set<std::int64_t> ticks;
+    for (const auto& [t, _] : before) ticks.insert(t);
+    for (const auto& [t, _] : after) ticks.insert(t);
+    for (std::int64_t t : ticks)
+      if (before[t] != after[t]) logTime(t, shownAll(before[t], show), shownAll(after[t], show));
   }
   void setLyricOf(const Uuid& id, const std::string& lyric) {
     Place p;
@@ -203,6 +234,7 @@ class Applier {
   }
   void run(const S::SetTempos& a) {
     auto& map = doc_.tempoMap;
+    const std::vector<TempoEvent> was = map;
     map.erase(
         std::remove_if(map.begin(), map.end(),
                        [&](const TempoEvent& e) { return e.tick >= a.from && e.tick < a.to; }),
@@ -211,32 +243,43 @@ class Applier {
     std::stable_sort(map.begin(), map.end(),
                      [](const TempoEvent& x, const TempoEvent& y) { return x.tick < y.tick; });
     if (map.empty()) map.push_back(TempoEvent{});
+    logMapEdit(was, map, tempoText);
   }
   void run(const S::InsertTime& a) {
     if (a.length <= 0) return;
+    bool moved = false;
     for (auto& track : doc_.tracks)
       for (std::size_t i = 0; i < track.notes.size(); ++i)
         if (track.notes[i].tick >= a.atTick) {
           NoteEvent& n = track.notes.mutableAt(i);
           n.tick = addTicks(n.tick, a.length);
+          moved = true;
         }
     // The opening tempo, meter and key stay at the start whatever is inserted there.
     auto shift = [&](auto& events) {
       for (auto& e : events)
-        if (e.tick > 0 && e.tick >= a.atTick) e.tick = addTicks(e.tick, a.length);
+        if (e.tick > 0 && e.tick >= a.atTick) {
+          e.tick = addTicks(e.tick, a.length);
+          moved = true;
+        }
     };
     shift(doc_.tempoMap);
     shift(doc_.timeSignatures);
     shift(doc_.keySignatures);
+    shiftImportNotices(doc_, a.atTick, a.length);
+    // One line for the whole shift: what started at `atTick` now starts later.
+    if (moved) logTime(a.atTick, num(a.atTick), num(addTicks(a.atTick, a.length)));
   }
   void run(const S::SetTimeSignature& a) {
     auto& map = doc_.timeSignatures;
+    const std::vector<TimeSignatureEvent> was = map;
     map.erase(std::remove_if(map.begin(), map.end(),
                              [&](const TimeSignatureEvent& e) { return e.tick == a.tick; }),
               map.end());
     map.push_back({a.tick, a.numerator, a.denominator});
     std::stable_sort(map.begin(), map.end(),
                      [](const auto& x, const auto& y) { return x.tick < y.tick; });
+    logMapEdit(was, map, meterText);
   }
   void run(const S::SetBreath& a) {
     for (const auto& id : a.ids) {
@@ -313,6 +356,28 @@ RepairResult replaceLyric(const MusicDocument& document, const Uuid& noteID,
   row.noteID = noteID;
   row.trackIndex = -1;
   return applySuggestionAction(document, S::SetLyric{lyric}, row, tr("歌詞の置き換え"));
+}
+
+void shiftImportNotices(MusicDocument& document, std::int64_t fromTick, std::int64_t delta) {
+  auto shifted = [&](std::int64_t t) { return t >= fromTick ? addTicks(t, delta) : t; };
+  for (auto& notice : document.importNotices) {
+    for (auto& place : notice.places) {
+      place.tick = shifted(place.tick);
+      for (auto& button : place.fixes)
+        for (auto& action : button) action = shiftFixes(action, fromTick, delta);
+    }
+    for (auto& [id, seal] : notice.sealed) seal.tick = shifted(seal.tick);
+  }
+}
+
+std::string tempoText(const TempoEvent& event) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%g", event.bpm);
+  return buf;
+}
+
+std::string meterText(const TimeSignatureEvent& event) {
+  return num(event.numerator) + "/" + num(event.denominator);
 }
 
 }  // namespace melvo

@@ -49,4 +49,13 @@ RepairResult applySuggestion(const MusicDocument& document, const ValidationIssu
 RepairResult replaceLyric(const MusicDocument& document, const Uuid& noteID,
                           const std::string& lyric);
 
+// After time was inserted (delta > 0) or removed (delta < 0) at `fromTick`, the import
+// notices follow their notes: places, seals and the ticks inside their fixes at or after
+// `fromTick` move by `delta`, so that a moved note is not taken for a handled one.
+void shiftImportNotices(MusicDocument& document, std::int64_t fromTick, std::int64_t delta);
+
+// Map events as the conversion log shows them: "90", "3/4".
+std::string tempoText(const TempoEvent& event);
+std::string meterText(const TimeSignatureEvent& event);
+
 }  // namespace melvo
