@@ -59,6 +59,13 @@ int runStatus(const Options& o) {
     checkName = "broken";
     detail = b->detail;
   }
+  // The settings screen's check list, in its order, for both outputs.
+  const std::pair<const char*, bool> rows[] = {
+      {tr("bin フォルダ"), hasBin},
+      {tr("model フォルダ"), hasModel},
+      {tr("合成エンジン (neutrino)"), s.hasNEUTRINO},
+      {tr("楽譜の変換 (musicXMLtoLabel)"), s.hasMusicXMLtoLabel},
+      {tr("NEUTRINO を試しに起動できる"), runs}};
   if (o.json) {
     Json j = Json::object();
     j["path"] = s.path;
@@ -75,14 +82,13 @@ int runStatus(const Options& o) {
     j["characterNames"] = std::move(names);
     j["check"] = checkName;
     j["checkDetail"] = detail;
+    Json checks = Json::array();
+    for (const auto& [label, ok] : rows) checks.push(Json::Object{{"label", label}, {"ok", ok}});
+    j["checks"] = std::move(checks);
     std::printf("%s\n", j.dump(JsonStyle::Pretty).c_str());
   } else {
     std::printf("%s\n", dir.c_str());
-    std::printf("  %s %s\n", mark(hasBin), tr("bin フォルダ"));
-    std::printf("  %s %s\n", mark(hasModel), tr("model フォルダ"));
-    std::printf("  %s %s\n", mark(s.hasNEUTRINO), tr("合成エンジン (neutrino)"));
-    std::printf("  %s %s\n", mark(s.hasMusicXMLtoLabel), tr("楽譜の変換 (musicXMLtoLabel)"));
-    std::printf("  %s %s\n", mark(runs), tr("NEUTRINO を試しに起動できる"));
+    for (const auto& [label, ok] : rows) std::printf("  %s %s\n", mark(ok), label);
     if (!detail.empty()) std::printf("      %s\n", detail.c_str());
     std::printf("%s\n", trf("声: %@", {std::to_string(s.characterCount)}).c_str());
     for (const auto& n : s.characterNames) std::printf("  %s\n", n.c_str());

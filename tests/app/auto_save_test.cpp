@@ -214,6 +214,10 @@ TEST_F(AutoSaveTest, ACrashedSessionIsOfferedAndACleanOneIsNot) {
 TEST_F(AutoSaveTest, AProjectIsOfferedOnlyWhenItsCopyIsNewerThanTheFile) {
   fs::path p = files / "proj.nsproj";
   writeProject(songNamed("proj"), p);
+  // File times come from a coarse kernel clock and copies are named to the millisecond, so a
+  // file written moments apart from a copy could fall on either side of it. Both saves here
+  // are stamped plainly before and after the copy instead.
+  fs::last_write_time(p, fs::file_time_type::clock::now() - 1min);
   {
     ScriptedCore core;
     core.app->start();
@@ -226,8 +230,8 @@ TEST_F(AutoSaveTest, AProjectIsOfferedOnlyWhenItsCopyIsNewerThanTheFile) {
   EventLoop loop(std::make_shared<ManualClock>());
   EXPECT_EQ(AutoSaveManager(loop).findRecoverable().size(), 1u);
   // Saved afterwards (say, by another program): the copy is old news.
-  std::this_thread::sleep_for(10ms);
   writeProject(songNamed("newer"), p);
+  fs::last_write_time(p, fs::file_time_type::clock::now());
   EXPECT_TRUE(AutoSaveManager(loop).findRecoverable().empty());
 
   {

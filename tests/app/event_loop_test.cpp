@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 namespace melvo {
@@ -63,10 +64,14 @@ TEST(EventLoop, PostedJobsRunInOrderIncludingJobsTheyPost) {
 
 TEST(EventLoop, RunWaitsForTimersAndPostsFromOtherThreads) {
   EventLoop loop;
-  int ticks = 0;
+  std::atomic<int> ticks = 0;
   RepeatingTimer t = loop.scheduleRepeating(5ms, [&] { ++ticks; });
+  // The stop waits for the ticks rather than for a fixed time, so a slow machine only makes
+  // this slower; the deadline turns a loop that never ticks into a failure, not a hang.
   std::thread other([&] {
-    std::this_thread::sleep_for(50ms);
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (ticks < 2 && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(1ms);
     loop.post([&] { loop.stop(); });
   });
   loop.run();

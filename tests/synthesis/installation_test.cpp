@@ -1,10 +1,13 @@
 #include "melvo/synthesis/installation_finder.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <thread>
 
 #include "melvo/synthesis/setup_helper.h"
+#include "support/engine_test_support.h"
 #include "support/test_support.h"
-#include "synthesis/engine_test_support.h"
 
 namespace fs = std::filesystem;
 
@@ -76,6 +79,47 @@ TEST(InstallationTest, AHangingToolIsEndedAtTheTimeoutAndCountsAsRunning) {
   const auto t0 = std::chrono::steady_clock::now();
   EXPECT_EQ(finder::checkExecutable(dir.path(), 0.5), finder::ExecutableCheck(finder::Ok{}));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
+}
+
+// Live processes running the program at `exe`.
+std::vector<pid_t> processesOf(const fs::path& exe) {
+  std::vector<pid_t> out;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::error_code ec;
+    if (fs::read_symlink(entry.path() / "exe", ec) == exe) out.push_back(std::stoi(name));
+  }
+  return out;
+}
+
+TEST(InstallationTest, TheStandInsStartFailuresReadAsTheRealEngines) {
+  // The environment reaches the tool, so the shared stand-in can be told to fail on loading.
+  ASSERT_EQ(::setenv("MELVO_STANDIN_MODE", "missing-library", 1), 0);
+  auto check = finder::checkExecutable(test::standInEngine(), 5);
+  ::unsetenv("MELVO_STANDIN_MODE");
+  auto* broken = std::get_if<finder::Broken>(&check);
+  ASSERT_TRUE(broken);
+  EXPECT_TRUE(broken->detail.starts_with(
+      "neutrino: error while loading shared libraries: libonnxruntime.so.1"))
+      << broken->detail;
+
+  // A copy of its own, told by the file beside it to hang and shrug off SIGTERM, so that any
+  // process left running is plainly this one.
+  test::TempDir dir;
+  fs::create_directories(dir / "bin");
+  fs::copy_file(test::standInEngine() / "bin" / "neutrino", dir / "bin" / "neutrino");
+  test::writeText(dir / "bin" / "stand-in.conf", "mode=hang\n");
+  const fs::path tool = fs::canonical(dir / "bin" / "neutrino");
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(finder::checkExecutable(dir.path(), 0.5), finder::ExecutableCheck(finder::Ok{}));
+  const auto took = std::chrono::steady_clock::now() - t0;
+  EXPECT_GE(took, 500ms);  // it really hung, rather than printing its usage and leaving
+  EXPECT_LT(took, 10s);
+  const auto until = std::chrono::steady_clock::now() + 5s;
+  while (!processesOf(tool).empty() && std::chrono::steady_clock::now() < until)
+    std::this_thread::sleep_for(20ms);
+  EXPECT_TRUE(processesOf(tool).empty());
 }
 
 TEST(InstallationTest, AMissingOrNonExecutableToolIsMissing) {

@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "melvo/platform/event_loop.h"
+#include "support/engine_test_support.h"
 #include "support/test_support.h"
-#include "synthesis/engine_test_support.h"
 
 namespace melvo {
 namespace {
@@ -83,9 +83,11 @@ TEST_F(ShellRunnerTest, ChildSeesTheFixedSearchPathFirstAndRunsInTheGivenFolder)
 
 TEST_F(ShellRunnerTest, CancelEndsTheWholeGroupEvenAToolThatIgnoresSigterm) {
   // bash waits on a child that shrugs off SIGTERM, as a busy engine tool might.
-  start("echo started\nbash -c 'trap \"\" TERM; while :; do sleep 0.05; done'\necho never\n");
+  // The child says so once its trap is set, so both processes exist before we look.
+  start("bash -c 'trap \"\" TERM; echo ready; while :; do sleep 0.05; done'\necho never\n");
   ASSERT_TRUE(test::pumpUntil(
       loop, [&] { return !events.empty(); }, 10s));
+  ASSERT_EQ(events.front(), "ready");
   const pid_t group = *runner.processId();
   ASSERT_GE(test::liveMembers(group).size(), 2u);
   const auto t0 = std::chrono::steady_clock::now();
@@ -102,18 +104,22 @@ TEST_F(ShellRunnerTest, CancelEndsTheWholeGroupEvenAToolThatIgnoresSigterm) {
 }
 
 TEST_F(ShellRunnerTest, AStaleRunsExitDoesNotClearTheNewRun) {
-  start("trap 'sleep 0.3; exit 5' TERM\nsleep 5 & wait\n");
+  // The script says when its trap is set: a SIGTERM before that would kill it outright.
+  start("trap 'sleep 0.3; exit 5' TERM\necho ready\nsleep 5 & wait\n");
   ASSERT_TRUE(test::pumpUntil(
-      loop, [&] { return runner.processId().has_value(); }, 5s));
-  std::this_thread::sleep_for(100ms);  // let bash install its trap
-  start("sleep 1\necho second\n");     // cancels the first, which takes a while to go
+      loop, [&] { return !events.empty(); }, 10s));
+  ASSERT_EQ(events, (std::vector<std::string>{"ready"}));
+  events.clear();
+  // Cancels the first, which takes a while to go; the second lasts until we let it end.
+  start("while [ ! -e go ]; do sleep 0.02; done\necho second\n");
   const pid_t second = *runner.processId();
   ASSERT_TRUE(waitExit(1));
   EXPECT_EQ(events.front(), "exit 5");
   EXPECT_TRUE(runner.isRunning());
   EXPECT_EQ(runner.processId(), second);
+  test::writeText(dir / "go", "");
   ASSERT_TRUE(waitExit(2));
-  EXPECT_EQ(events.back(), "exit 0");
+  EXPECT_EQ(events, (std::vector<std::string>{"exit 5", "second", "exit 0"}));
   EXPECT_FALSE(runner.isRunning());
 }
 
