@@ -2,6 +2,8 @@
 // is logged and that the whole run is one undo step.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "checking/score_validator_support.h"
 #include "melvo/checking/cleanup_engine.h"
 #include "melvo/checking/lyric_rules.h"
@@ -199,6 +201,15 @@ TEST_F(Cleanup, ChordsOverlapsAndSilentOpeningBars) {
   CleanupOptions o;
   o.chordToMonophonic = false;
   EXPECT_EQ(run(d, o).document.tracks[0].notes[0].duration, 480);
+
+  // The same song stored out of order is cleaned the same way.
+  std::reverse(n.begin(), n.end());
+  auto shuffled = song(n);
+  shuffled.tempoMap = d.tempoMap;
+  shuffled.timeSignatures = d.timeSignatures;
+  const auto again = run(shuffled);
+  ASSERT_EQ(again.document.tracks[0].notes.size(), 3u);
+  EXPECT_EQ(again.document.tracks[0].notes[1].duration, 480);
 }
 
 // Each switch the command offers turns a pass on and off; a switch without its pass would

@@ -147,6 +147,17 @@ class Cleaner {
  public:
   Cleaner(MusicDocument d, std::unordered_set<Uuid> keepWhole) : doc_(std::move(d)) {
     report_.keepWhole = std::move(keepWhole);
+    // The passes compare each note with its neighbour in time; a song whose notes were
+    // stored out of order (an importer, an agent) must not slip past them.
+    for (auto& t : doc_.tracks) {
+      if (std::is_sorted(t.notes.begin(), t.notes.end(),
+                         [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; }))
+        continue;
+      std::vector<NoteEvent> sorted(t.notes.begin(), t.notes.end());
+      std::stable_sort(sorted.begin(), sorted.end(),
+                       [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
+      t.notes.assign(std::move(sorted));
+    }
   }
 
   // A pass that only rewrites lyrics: `rewrite` gives the new lyric, or nothing to keep it.
