@@ -161,9 +161,10 @@ TEST(MidiGolden, SeventeenthTrackWrapsToChannelZero) {
 
 TEST(MidiGolden, LyricsBeforeNoteOnsBeforeNoteOffs) {
   // The second note starts where the first ends and overlaps the third, which shares its
-  // tick; the list is out of order on purpose. Nothing is normalised.
-  MusicDocument d = song({note(480, 480, 62, "い"), note(0, 480, 60, "あ"), note(480, 240, 64),
-                          note(960, 0, 65, "う")});
+  // tick: both lyrics at 480 come before both note-ons. The list is out of order on purpose,
+  // and nothing is normalised (the zero length is the model's minimum of one tick).
+  MusicDocument d = song({note(480, 480, 62, "い"), note(0, 480, 60, "あ"),
+                          note(480, 240, 64, "え"), note(960, 0, 65, "う")});
   d.tempoMap.clear();
   d.timeSignatures.clear();
   expectMidi("lyrics", d);
