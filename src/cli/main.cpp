@@ -57,8 +57,9 @@ void printError(const std::string& text) {
 }
 
 int run(int argc, char** argv) {
-  if (int status = refuseDevelopmentFlags(argc, argv)) return status;
+  // The language only picks a catalogue, so it may come first: the refusal speaks it too.
   i18n::initFromEnvironment();
+  if (int status = refuseDevelopmentFlags(argc, argv)) return status;
 
   CLI::App app{tr("Melvo: NEUTRINO で歌わせる曲のための編集コア")};
   app.name("melvo");

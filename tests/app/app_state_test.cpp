@@ -160,7 +160,8 @@ TEST_F(AppStateTest, SongFlowsAreRefusedDuringARender) {
 }
 
 TEST_F(AppStateTest, SaveWritesClearsDirtyAndAFailedSaveKeepsIt) {
-  fs::path p = project("a.nsproj");
+  fs::create_directory(files / "folder");
+  fs::path p = project("folder/a.nsproj");
   ScriptedCore core;
   ASSERT_EQ(core.app->open(p), AppState::FlowResult::done);
   EXPECT_EQ(core.app->projectFilePath(), p.string());
@@ -171,16 +172,14 @@ TEST_F(AppStateTest, SaveWritesClearsDirtyAndAFailedSaveKeepsIt) {
   EXPECT_FALSE(core.vm().isDirty());
 
   core.edit("again");
-  fs::permissions(files.path(), fs::perms::owner_read | fs::perms::owner_exec);
-  const bool writable = access(files.path().c_str(), W_OK) == 0;  // root ignores modes
-  auto result = core.app->save();
-  fs::permissions(files.path(), fs::perms::owner_all);
-  if (!writable) {
-    EXPECT_EQ(result, AppState::FlowResult::failed);
-    EXPECT_TRUE(core.vm().isDirty());
-    ASSERT_EQ(core.alerts.size(), 1u);
-    EXPECT_NE(core.alerts[0].find("Save failed"), std::string::npos) << core.alerts[0];
-  }
+  // The folder became a plain file: no write can succeed there, not even as root.
+  fs::remove_all(files / "folder");
+  test::writeText(files / "folder", "not a folder");
+  EXPECT_EQ(core.app->save(), AppState::FlowResult::failed);
+  EXPECT_TRUE(core.vm().isDirty());
+  EXPECT_EQ(core.vm().document().title, "again");
+  ASSERT_EQ(core.alerts.size(), 1u);
+  EXPECT_NE(core.alerts[0].find("Save failed"), std::string::npos) << core.alerts[0];
 }
 
 TEST_F(AppStateTest, SaveAsMovesAutosaveToTheNewProjectFolder) {
@@ -216,28 +215,28 @@ TEST_F(AppStateTest, MixdownRefusalsComeInOrder) {
   ScriptedCore core;
   auto refusal = [&](MixdownKind k) { return core.app->mixdownRefusal(k).value_or("none"); };
   core.app->start();
-  EXPECT_EQ(refusal(MixdownKind::all), "Close Home and open a song");
+  EXPECT_EQ(refusal(MixdownKind::allTracks), "Close Home and open a song");
   core.app->setShowHome(false);
-  EXPECT_EQ(refusal(MixdownKind::all), "The NEUTRINO folder is not set");
+  EXPECT_EQ(refusal(MixdownKind::allTracks), "The NEUTRINO folder is not set");
   NEUTRINOConfig c;
   c.neutrinoDirectory = "/opt/NEUTRINO";
   core.app->setConfig(c);
-  EXPECT_EQ(refusal(MixdownKind::all), "There are no notes");
+  EXPECT_EQ(refusal(MixdownKind::allTracks), "There are no notes");
   EXPECT_EQ(refusal(MixdownKind::selectedTrack), "The selected track has no notes");
-  EXPECT_EQ(refusal(MixdownKind::range), "No range is chosen (Shift+drag on the ruler)");
+  EXPECT_EQ(refusal(MixdownKind::rangeAllTracks), "No range is chosen (Shift+drag on the ruler)");
 
   core.vm().commit("編集", [](MusicDocument& d) {
     d.tracks = songNamed("x", 2).tracks;  // notes at 0 and 480
     d.tracks.push_back(MusicTrack{});
   });
-  EXPECT_EQ(refusal(MixdownKind::all), "none");
+  EXPECT_EQ(refusal(MixdownKind::allTracks), "none");
   core.vm().setLoopStartTick(5000);
   core.vm().setLoopEndTick(6000);
-  EXPECT_EQ(refusal(MixdownKind::range), "There are no notes in the range");
+  EXPECT_EQ(refusal(MixdownKind::rangeAllTracks), "There are no notes in the range");
   core.vm().setLoopStartTick(0);
-  EXPECT_EQ(refusal(MixdownKind::range), "none");
+  EXPECT_EQ(refusal(MixdownKind::rangeAllTracks), "none");
   core.vm().setCurrentTrackIndex(1);
-  EXPECT_EQ(refusal(MixdownKind::selectedTrackRange), "The selected track has no notes");
+  EXPECT_EQ(refusal(MixdownKind::rangeSelectedTrack), "The selected track has no notes");
 }
 
 }  // namespace

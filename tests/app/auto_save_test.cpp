@@ -155,7 +155,12 @@ pid_t forkAndWait(const std::function<void()>& body) {
   pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);
-    body();
+    // The child must never return into the test runner, whatever the body does.
+    try {
+      body();
+    } catch (...) {
+      _exit(1);
+    }
     char c = 'r';
     (void)!write(fds[1], &c, 1);
     for (;;) pause();
@@ -247,80 +252,6 @@ TEST_F(AutoSaveTest, AProjectIsOfferedOnlyWhenItsCopyIsNewerThanTheFile) {
   EXPECT_TRUE(after.app->autoSave().findRecoverable().empty());
   after.app->autoSave().setProject(p.string());
   EXPECT_EQ(after.app->autoSave().listSnapshots().size(), 2u);  // history kept
-}
-
-TEST_F(AutoSaveTest, ServeEndsCleanlyOnSigterm) {
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out[1], 1);
-    close(out[0]);
-    setenv("LANGUAGE", "en", 1);
-    execl(MELVO_BINARY, MELVO_BINARY, "serve", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(out[1]);
-  std::string seen;
-  char buf[256];
-  while (seen.find("Ctrl+C") == std::string::npos) {
-    ssize_t n = read(out[0], buf, sizeof buf);
-    if (n <= 0) break;
-    seen.append(buf, static_cast<std::size_t>(n));
-  }
-  ASSERT_NE(seen.find("Ctrl+C"), std::string::npos) << seen;
-  kill(pid, SIGTERM);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  close(out[0]);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  auto r = test::runMelvo({"snapshots", "list", "--json"});
-  EXPECT_EQ(Json::parse(r.out).size(), 0u);
-}
-
-TEST_F(AutoSaveTest, AKilledSaveLeavesOldOrNewContentNeverAMix) {
-  const MusicDocument a = songNamed("a", 3000), b = songNamed("b", 3001);
-  const std::string encodedA = encodeProject(a), encodedB = encodeProject(b);
-  fs::path p = files / "torn.nsproj";
-  writeProject(a, p);
-  for (int round = 0; round < 6; ++round) {
-    pid_t child = forkAndWait([] {});
-    ASSERT_GT(child, 0);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    int go[2];
-    ASSERT_EQ(pipe(go), 0);
-    pid_t saver = fork();
-    if (saver == 0) {
-      close(go[0]);
-      ScriptedCore core;
-      core.app->open(p);
-      bool signalled = false;
-      for (int i = 0;; ++i) {
-        core.vm().commit("編集", [&](MusicDocument& d) { d = (i % 2) ? a : b; });
-        core.app->save();
-        if (!signalled) {
-          char c = 'g';
-          (void)!write(go[1], &c, 1);
-          signalled = true;
-        }
-      }
-    }
-    close(go[1]);
-    char c;
-    ASSERT_EQ(read(go[0], &c, 1), 1);
-    close(go[0]);
-    std::this_thread::sleep_for(std::chrono::milliseconds(3 + 7 * round));
-    kill(saver, SIGKILL);
-    waitpid(saver, nullptr, 0);
-    for (const auto& e : fs::directory_iterator(files.path())) {
-      if (e.path().extension() != ".nsproj") continue;
-      const std::string bytes = test::readText(e.path());
-      EXPECT_TRUE(bytes == encodedA || bytes == encodedB)
-          << "round " << round << ": " << e.path() << " holds " << bytes.size() << " bytes";
-    }
-  }
 }
 
 }  // namespace

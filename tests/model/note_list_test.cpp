@@ -67,6 +67,20 @@ TEST(NoteList, InsertEraseAndRemoveIfKeepIndexing) {
   }
   EXPECT_EQ(before.size(), NoteList::kChunk * 2);  // the copy taken before is unchanged
   EXPECT_EQ(before[5].tick, 5);
+
+  // An insert grows the only chunk past kChunk; appending then starts a second chunk behind an
+  // oversized first one, and indexing must still find every note.
+  NoteList grown = ramp(NoteList::kChunk);
+  grown.insert(0, note(5000));
+  grown.push_back(note(6000));
+  grown.push_back(note(7000));
+  ASSERT_EQ(grown.size(), NoteList::kChunk + 3);
+  EXPECT_EQ(grown[0].tick, 5000);
+  EXPECT_EQ(grown[NoteList::kChunk].tick, static_cast<std::int64_t>(NoteList::kChunk - 1));
+  EXPECT_EQ(grown[NoteList::kChunk + 1].tick, 6000);
+  EXPECT_EQ(grown.back().tick, 7000);
+  std::size_t i = 0;
+  for (const auto& n : grown) EXPECT_EQ(grown[i++].tick, n.tick) << i;
 }
 
 }  // namespace

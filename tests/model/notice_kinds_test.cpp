@@ -59,29 +59,53 @@ TEST(NoticeKindCatalogue, UnknownKeysFindNothing) {
   EXPECT_EQ(findNoticeKind("mxOtherVerse_2"), nullptr);
 }
 
+// The kinds that several importers share, each with its severity, handling and category.
 TEST(NoticeKindCatalogue, SharedKindsCarryTheirRatings) {
-  const std::vector<std::tuple<const char*, Sev, NoticeHandling, Cat>> rows{
-      {"midiChannelsUndecided", Sev::warning, NoticeHandling::kept, Cat::importNotice},
-      {"elision", Sev::info, NoticeHandling::converted, Cat::multiSyllable},
-      {"midiTinyGapsClosed", Sev::info, NoticeHandling::converted, Cat::shortRestBefore},
-      {"midiOrnamentNotes", Sev::warning, NoticeHandling::converted, Cat::decoration},
-      {"fermataOnRest", Sev::warning, NoticeHandling::dropped, Cat::decoration},
-      {"cueNotesDropped", Sev::info, NoticeHandling::dropped, Cat::importNotice},
-      {"swing", Sev::info, NoticeHandling::dropped, Cat::tempoIssue},
-      {"tempoInsideNote", Sev::info, NoticeHandling::converted, Cat::tempoIssue},
-      {"meterClamped", Sev::warning, NoticeHandling::converted, Cat::timeSigIssue},
-      {"silentInSource", Sev::warning, NoticeHandling::kept, Cat::ghostVelocity},
-      {"rapNotes", Sev::info, NoticeHandling::kept, Cat::importNotice},
-      {"karaokeTextLyrics", Sev::info, NoticeHandling::converted, Cat::importNotice},
+  using H = NoticeHandling;
+  const std::vector<std::tuple<const char*, Sev, H, Cat>> rows{
+      {"midiChannelsUndecided", Sev::warning, H::kept, Cat::importNotice},
+      {"twoLyricsOnOneNote", Sev::warning, H::converted, Cat::multiSyllable},
+      {"elision", Sev::info, H::converted, Cat::multiSyllable},
+      {"midiTinyGapsClosed", Sev::info, H::converted, Cat::shortRestBefore},
+      {"midiOrnamentNotes", Sev::warning, H::converted, Cat::decoration},
+      {"fermata", Sev::warning, H::dropped, Cat::decoration},
+      {"fermataOnRest", Sev::warning, H::dropped, Cat::decoration},
+      {"ornaments", Sev::info, H::dropped, Cat::decoration},
+      {"glissando", Sev::info, H::dropped, Cat::decoration},
+      {"secondVerse", Sev::info, H::dropped, Cat::importNotice},
+      {"cueNotesDropped", Sev::info, H::dropped, Cat::importNotice},
+      {"wordsOnlyTempo", Sev::warning, H::dropped, Cat::tempoIssue},
+      {"ritAccel", Sev::warning, H::dropped, Cat::tempoIssue},
+      {"swing", Sev::info, H::dropped, Cat::tempoIssue},
+      {"tempoInsideNote", Sev::info, H::converted, Cat::tempoIssue},
+      {"microtones", Sev::info, H::converted, Cat::importNotice},
+      {"additiveMeter", Sev::info, H::converted, Cat::timeSigIssue},
+      {"meterRebarred", Sev::info, H::converted, Cat::timeSigIssue},
+      {"meterClamped", Sev::warning, H::converted, Cat::timeSigIssue},
+      {"dsWithoutSegno", Sev::warning, H::dropped, Cat::importNotice},
+      {"lyricOnRest", Sev::warning, H::dropped, Cat::importNotice},
+      {"spokenPart", Sev::warning, H::kept, Cat::importNotice},
+      {"pitchOffsetWhole", Sev::warning, H::kept, Cat::importNotice},
+      {"phonemeOverride", Sev::warning, H::kept, Cat::importNotice},
+      {"silentInSource", Sev::warning, H::kept, Cat::ghostVelocity},
+      {"rapNotes", Sev::info, H::kept, Cat::importNotice},
+      {"synthParameters", Sev::info, H::dropped, Cat::importNotice},
+      {"tracksDropped", Sev::info, H::dropped, Cat::importNotice},
+      {"falsetto", Sev::info, H::dropped, Cat::importNotice},
+      {"breathConverted", Sev::info, H::converted, Cat::importNotice},
+      {"karaokeTextLyrics", Sev::info, H::converted, Cat::importNotice},
   };
+  std::set<std::string> seen;
   for (const auto& [key, severity, handling, category] : rows) {
     SCOPED_TRACE(key);
+    EXPECT_TRUE(seen.insert(key).second) << "listed twice";
     const ImportNoticeKind* kind = findNoticeKind(key);
     ASSERT_NE(kind, nullptr);
     EXPECT_EQ(kind->severity, severity);
     EXPECT_EQ(kind->handling, handling);
     EXPECT_EQ(kind->category, category);
   }
+  EXPECT_EQ(seen.size(), 31u);
 }
 
 // The liveness rules lean on these sets; a misspelt member would silently match nothing.

@@ -50,20 +50,54 @@ TEST_F(NoticeFixture, ScriptChangeKeepsALyricSensitivePlaceARealEditRetiresIt) {
   EXPECT_FALSE(live().placeStillMeant[0]);
   noteA().lyric = "ア";  // undo brings it back: liveness is judged against current notes
   EXPECT_TRUE(live().placeStillMeant[0]);
+  // A spacing voiced mark typed after the kana spells the same sound as the composed letter.
+  noteA().lyric = "が";
+  doc.addNotice(notice_kinds::elision, 0, a, 0);
+  sealNotices(doc);  // seals only the new notice
+  noteA().lyric = "カ゛";
+  EXPECT_TRUE(live(1).placeStillMeant[0]);
+  EXPECT_EQ(canonicalSealLyric("ハ゜"), "ぱ");
 }
 
-TEST_F(NoticeFixture, MovesRetireAnyKindLyricEditsSpareTheAlwaysKept) {
-  doc.addNotice(notice_kinds::fermata, 0, a, 0);
-  doc.addNotice(notice_kinds::tempoInsideNote, 0, a, 0);
-  sealNotices(doc);
-  noteA().lyric = "か";
-  EXPECT_TRUE(live(0).placeStillMeant[0]);
-  EXPECT_TRUE(live(1).placeStillMeant[0]);  // not lyric-sensitive either
-  noteA().pitch = 61;
-  EXPECT_FALSE(live(0).placeStillMeant[0]);
-  EXPECT_FALSE(live(1).placeStillMeant[0]);
+// Over the whole catalogue: a move retires any place, a lyric edit only a lyric-sensitive one,
+// and never one of the always-kept set.
+TEST_F(NoticeFixture, EveryKindIsRetiredByAMoveAndByALyricEditOnlyWhenItsSetSaysSo) {
+  int alwaysKept = 0, round = 0;
+  for (const ImportNoticeKind* kind : allNoticeKinds()) {
+    SCOPED_TRACE(kind->key);
+    doc.importNotices.clear();
+    noteA() = NoteEvent::make(a, 0, 480, 60, 100, "ア");
+    doc.addNotice(*kind, 0, a, 0);
+    sealNotices(doc);
+    noteA().lyric = "い";
+    const bool keptThroughLyricEdit = live().placeStillMeant[0];
+    if (isAlwaysKeptNotice(kind->key)) {
+      ++alwaysKept;
+      EXPECT_TRUE(keptThroughLyricEdit);
+    } else {
+      EXPECT_EQ(keptThroughLyricEdit, !isLyricSensitiveNotice(kind->key));
+    }
+    noteA().lyric = "ア";
+    ASSERT_TRUE(live().placeStillMeant[0]);
+    // Each of place, length and pitch counts as a move.
+    switch (round++ % 3) {
+      case 0:
+        noteA().tick = 10;
+        break;
+      case 1:
+        noteA().duration = 240;
+        break;
+      default:
+        noteA().pitch = 61;
+    }
+    EXPECT_FALSE(live().placeStillMeant[0]);
+  }
+  EXPECT_EQ(alwaysKept, 14);
+  // A note that is gone counts as changed, whatever the kind.
+  noteA() = NoteEvent::make(a, 0, 480, 60, 100, "ア");
+  ASSERT_TRUE(live().placeStillMeant[0]);
   doc.tracks[0].notes.erase(0);
-  EXPECT_FALSE(live(0).placeStillMeant[0]);
+  EXPECT_FALSE(live().placeStillMeant[0]);
 }
 
 TEST_F(NoticeFixture, FixesDieWhenANamedNoteMovesAndPlacesWithoutNoteStayLive) {

@@ -44,20 +44,6 @@ constexpr const char* kGhostVelocity = N_("強さ 0 の音符（ゴーストノ�
 constexpr const char* kTempoDedup = N_("テンポ重複解消");
 constexpr const char* kMeterDedup = N_("拍子重複解消");
 
-// Spacing voiced marks that other software types after a kana; NFC leaves them apart, so
-// they become the combining marks first.
-std::string composeVoicedMarks(std::string_view lyric) {
-  std::string out;
-  std::size_t i = 0;
-  while (i < lyric.size()) {
-    char32_t c = text::nextScalar(lyric, i);
-    if (c == U'゛') c = 0x3099;
-    if (c == U'゜') c = 0x309A;
-    text::appendScalar(out, c);
-  }
-  return text::nfc(out);
-}
-
 std::string withoutScalars(std::string_view lyric, const std::function<bool(char32_t)>& drop) {
   std::string out;
   std::size_t i = 0;
@@ -588,7 +574,8 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
   };
 
   if (o.nfcNormalize)
-    c.lyricPass(kNfc, [&](const NoteEvent& n) { return simple(composeVoicedMarks(n.lyric)); });
+    c.lyricPass(kNfc,
+                [&](const NoteEvent& n) { return simple(text::composeVoicedMarks(n.lyric)); });
   if (o.utauResidue) c.utauResidue();
   if (o.unreadableKana)
     c.lyricPass(kOldKana, [](const NoteEvent& n) -> std::optional<Rewrite> {

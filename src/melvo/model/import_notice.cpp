@@ -8,7 +8,7 @@
 namespace melvo {
 
 std::string canonicalSealLyric(std::string_view lyric) {
-  std::string s = text::nfc(lyric);
+  std::string s = text::composeVoicedMarks(lyric);
   s = std::string(text::trimWhitespaceAndNewlines(s));
   return text::transliterate(s, "Katakana-Hiragana");
 }
@@ -86,7 +86,9 @@ NoticeLiveness liveness(const ImportNotice& notice,
     out.fixesStillValid.assign(n, true);
     return out;
   }
-  const bool lyricMatters = isLyricSensitiveNotice(notice.kind->key);
+  // The always-kept set wins: those kinds speak of the performance, which no lyric answers.
+  const bool lyricMatters =
+      isLyricSensitiveNotice(notice.kind->key) && !isAlwaysKeptNotice(notice.kind->key);
   // Same place, length and pitch as the importer left it (a missing note or seal is a change).
   auto unmoved = [&](const Uuid& id) -> const NoteEvent* {
     auto seal = notice.sealed.find(id);
@@ -100,7 +102,6 @@ NoticeLiveness liveness(const ImportNotice& notice,
     bool live = true;
     if (place.noteID) {
       const NoteEvent* e = unmoved(*place.noteID);
-      // Kinds in the always-kept set are not lyric-sensitive, so a lyric edit keeps them.
       live = e && (!lyricMatters ||
                    canonicalSealLyric(e->lyric) == notice.sealed.at(*place.noteID).lyric);
     }

@@ -203,8 +203,8 @@ struct NoticeLiveness {
   std::vector<bool> fixesStillValid;
 };
 
-// The lyric as compared by seals: NFC, trimmed, katakana as hiragana, so that a change of
-// script is not taken for an edit.
+// The lyric as compared by seals: NFC with spacing voiced marks joined to their kana, trimmed,
+// katakana as hiragana, so that a change of script or spelling is not taken for an edit.
 std::string canonicalSealLyric(std::string_view lyric);
 
 // Seals every notice not yet sealed against the document's current notes.

@@ -51,6 +51,9 @@ NoteEvent& NoteList::mutableAt(std::size_t i) {
 
 void NoteList::push_back(NoteEvent note) {
   if (chunks_.empty() || chunks_.back()->size() >= kChunk) {
+    // The old last chunk stops being last; an insert may have grown it past kChunk, and then
+    // an index can no longer be found by division.
+    if (!chunks_.empty() && chunks_.back()->size() != kChunk) uniform_ = false;
     chunks_.push_back(std::make_shared<Chunk>());
     chunks_.back()->reserve(kChunk);
     starts_.push_back(size_);

@@ -337,13 +337,17 @@ MusicDocument decodeProject(std::string_view bytes) {
   return decodePadded(padded);
 }
 
-MusicDocument readProject(const std::filesystem::path& path) {
-  std::string bytes = readFile(path);
-  // readFile leaves room for the parser's padding, so no second copy is made.
+MusicDocument decodeProjectInPlace(std::string& bytes) {
   if (bytes.capacity() < bytes.size() + simdjson::SIMDJSON_PADDING) {
     bytes.reserve(bytes.size() + simdjson::SIMDJSON_PADDING);
   }
   return decodePadded(simdjson::padded_string_view(bytes.data(), bytes.size(), bytes.capacity()));
+}
+
+MusicDocument readProject(const std::filesystem::path& path) {
+  // readFile leaves room for the parser's padding, so no second copy is made.
+  std::string bytes = readFile(path);
+  return decodeProjectInPlace(bytes);
 }
 
 void writeProject(const MusicDocument& document, const std::filesystem::path& path) {

@@ -24,6 +24,9 @@ class ProjectDecodeError : public std::runtime_error {
 std::string encodeProject(const MusicDocument& document);
 // Tolerant about what may be absent, strict about what may not (see the model's rules).
 MusicDocument decodeProject(std::string_view bytes);
+// The same, without copying `bytes` first: the parser reads a little past the end, so the
+// string's capacity is grown by that much when it has no room (readFile leaves room).
+MusicDocument decodeProjectInPlace(std::string& bytes);
 // Encodes and writes in one atomic step. Throws FileError.
 void writeProject(const MusicDocument& document, const std::filesystem::path& path);
 // Reads and decodes. Throws FileError or ProjectDecodeError.

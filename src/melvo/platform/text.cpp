@@ -255,6 +255,24 @@ std::string nfc(std::string_view s) {
   return toUtf8(u);
 }
 
+std::string composeVoicedMarks(std::string_view s) {
+  // Both spacing marks are E3 82 9B / E3 82 9C in UTF-8.
+  if (s.find("\xE3\x82\x9B") == std::string_view::npos &&
+      s.find("\xE3\x82\x9C") == std::string_view::npos) {
+    return nfc(s);
+  }
+  std::string out;
+  out.reserve(s.size());
+  std::size_t i = 0;
+  while (i < s.size()) {
+    char32_t c = nextScalar(s, i);
+    if (c == 0x309B) c = 0x3099;
+    if (c == 0x309C) c = 0x309A;
+    appendScalar(out, c);
+  }
+  return nfc(out);
+}
+
 bool isNfc(std::string_view s) {
   if (isAscii(s)) return true;
   UErrorCode status = U_ZERO_ERROR;

@@ -46,6 +46,9 @@ inline std::string_view trimLyric(std::string_view s) {
 
 // ---- ICU services ----
 std::string nfc(std::string_view s);
+// NFC after the spacing voiced marks ゛ ゜ (U+309B, U+309C), which some software types after a
+// kana, become their combining forms: NFC alone leaves "か゛" apart, this gives "が".
+std::string composeVoicedMarks(std::string_view s);
 bool isNfc(std::string_view s);
 std::string toLower(std::string_view s);  // full Unicode lower-casing, root locale
 // Runs an ICU transform such as "Halfwidth-Fullwidth", "Katakana-Hiragana" or
