@@ -1,7 +1,6 @@
 // A render as the application core runs it: the start checks, the stall watch on the test's
 // clock, the end of a run (take, curve, diagnosis), re-mixes and the re-render.
 #include <gtest/gtest.h>
-#include <sndfile.h>
 
 #include <cmath>
 
@@ -17,18 +16,6 @@ namespace melvo {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::vector<float> samples(const fs::path& wav, int* channels = nullptr) {
-  SF_INFO info{};
-  SNDFILE* f = sf_open(wav.c_str(), SFM_READ, &info);
-  EXPECT_NE(f, nullptr) << wav;
-  if (!f) return {};
-  std::vector<float> all(static_cast<std::size_t>(info.frames * info.channels));
-  sf_readf_float(f, all.data(), info.frames);
-  sf_close(f);
-  if (channels) *channels = info.channels;
-  return all;
-}
 
 MusicTrack track(const std::string& name, const std::string& voice, int pitch,
                  const char* lastLyric = "ら") {
@@ -251,8 +238,8 @@ TEST_F(SynthesisRunTest, ARenderIsTakenLoadedForEditingRemixedAndReRendered) {
   vm.commit("消音", [](MusicDocument& doc) { doc.tracks[1].isMuted = true; });
   app.waitForRemix();
   ASSERT_TRUE(app.lastLiveMixPath());
-  const auto lead = samples(runDir / "track1_Lead" / "output.wav");
-  const auto live = samples(*app.lastLiveMixPath());
+  const auto lead = test::readSamples(runDir / "track1_Lead" / "output.wav");
+  const auto live = test::readSamples(*app.lastLiveMixPath());
   ASSERT_GE(live.size(), 2 * lead.size());
   float peak = 0;
   for (float s : lead) peak = std::max(peak, std::fabs(s));

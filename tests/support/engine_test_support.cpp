@@ -1,5 +1,8 @@
 #include "support/engine_test_support.h"
 
+#include <gtest/gtest.h>
+
+#include <sndfile.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -42,6 +45,18 @@ std::vector<pid_t> liveMembers(pid_t pgid) {
     if (group == pgid && state != 'Z' && state != 'X') out.push_back(std::stoi(name));
   }
   return out;
+}
+
+std::vector<float> readSamples(const fs::path& wav, int* channels) {
+  SF_INFO info{};
+  SNDFILE* f = sf_open(wav.c_str(), SFM_READ, &info);
+  EXPECT_NE(f, nullptr) << wav;
+  if (!f) return {};
+  std::vector<float> all(static_cast<std::size_t>(info.frames * info.channels));
+  sf_readf_float(f, all.data(), info.frames);
+  sf_close(f);
+  if (channels) *channels = info.channels;
+  return all;
 }
 
 void makeFakeEngine(const fs::path& dir, const std::string& neutrinoBody) {

@@ -24,6 +24,9 @@ std::filesystem::path standInEngine();
 // Live (not zombie) processes whose process group is `pgid`.
 std::vector<pid_t> liveMembers(pid_t pgid);
 
+// Every sample of an audio file, channels interleaved; `channels` gets their count.
+std::vector<float> readSamples(const std::filesystem::path& wav, int* channels = nullptr);
+
 // An engine folder of shell-script tools, for checks that need a tool to misbehave.
 void makeFakeEngine(const std::filesystem::path& dir, const std::string& neutrinoBody);
 

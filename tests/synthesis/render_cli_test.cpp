@@ -45,14 +45,20 @@ TEST(RenderCommand, ARefusedSongStartsNothingAndWritesNothing) {
   EXPECT_FALSE(fs::exists(home.path() / "Music"));
 }
 
+// The example song as <dir>/song.nsproj, sung by "alto" of a stand-in engine in <dir>/engine.
+MusicDocument exampleSongSungByAlto(const fs::path& dir) {
+  fs::create_directories(dir / "engine" / "model" / "alto");
+  fs::create_symlink(test::standInEngine() / "bin", dir / "engine" / "bin");
+  MusicDocument d = openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
+  d.tracks[0].characterName = "alto";
+  writeProject(d, dir / "song.nsproj");
+  return d;
+}
+
 TEST(RenderCommand, TheExampleSongRendersToAMixAndPrintsItsPath) {
   test::TempHome home;
   const fs::path engine = home.path() / "engine";
-  fs::create_directories(engine / "model" / "alto");
-  fs::create_symlink(test::standInEngine() / "bin", engine / "bin");
-  MusicDocument d = openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
-  d.tracks[0].characterName = "alto";
-  writeProject(d, home.path() / "song.nsproj");
+  const MusicDocument d = exampleSongSungByAlto(home.path());
 
   const auto r = test::runMelvo(
       {"render", (home.path() / "song.nsproj").string(), "--engine", engine.string()});
@@ -88,11 +94,7 @@ TEST(RenderCommand, TheExampleSongRendersToAMixAndPrintsItsPath) {
 TEST(RenderCommand, OnlyEditedTracksAreRenderedAgainAndMixedAsBefore) {
   test::TempHome home;
   const fs::path engine = home.path() / "engine";
-  fs::create_directories(engine / "model" / "alto");
-  fs::create_symlink(test::standInEngine() / "bin", engine / "bin");
-  MusicDocument d = openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
-  d.tracks[0].characterName = "alto";
-  writeProject(d, home.path() / "song.nsproj");
+  const MusicDocument d = exampleSongSungByAlto(home.path());
   const fs::path out = home.path() / "out";
   // Two bars only: the score stops at the bar line where the range ends.
   const auto r = test::runMelvo({"render", (home.path() / "song.nsproj").string(), "--engine",

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sndfile.h>
 
 #include <cmath>
 #include <regex>
@@ -18,18 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Synth = MultiTrackSynthesizer;
-
-std::vector<float> samples(const fs::path& wav, int* channels = nullptr) {
-  SF_INFO info{};
-  SNDFILE* f = sf_open(wav.c_str(), SFM_READ, &info);
-  EXPECT_NE(f, nullptr) << wav;
-  if (!f) return {};
-  std::vector<float> all(static_cast<std::size_t>(info.frames * info.channels));
-  sf_readf_float(f, all.data(), info.frames);
-  sf_close(f);
-  if (channels) *channels = info.channels;
-  return all;
-}
 
 TEST(RenderPlanTest, GainsFollowMuteSoloAndTheVolumeRange) {
   MusicDocument d;
@@ -161,10 +148,10 @@ TEST_F(RenderSeriesTest, VoicedTracksRenderInOrderAndMixWithTheirGainAndPan) {
 
   // The mix, sample by sample, from the two voices as the engine left them.
   int ch = 0;
-  const auto a = samples(r.rendered[0].wavPath, &ch);
+  const auto a = test::readSamples(r.rendered[0].wavPath, &ch);
   ASSERT_EQ(ch, 1);
-  const auto b = samples(r.rendered[1].wavPath);
-  const auto mix = samples(*r.mixPath, &ch);
+  const auto b = test::readSamples(r.rendered[1].wavPath);
+  const auto mix = test::readSamples(*r.mixPath, &ch);
   ASSERT_EQ(ch, 2);
   ASSERT_EQ(mix.size() / 2, std::max(a.size(), b.size()));
   float peak = 0;
@@ -188,8 +175,8 @@ TEST_F(RenderSeriesTest, AMutedTrackAskedForIsRenderedButMixedSilent) {
   const auto r = render(d, {0, 1});
   ASSERT_TRUE(r.success) << ::testing::PrintToString(log);
   ASSERT_EQ(r.rendered.size(), 2u);
-  const auto a = samples(r.rendered[0].wavPath);
-  const auto mix = samples(*r.mixPath);
+  const auto a = test::readSamples(r.rendered[0].wavPath);
+  const auto mix = test::readSamples(*r.mixPath);
   for (std::size_t i = 0; i < a.size(); i += 41) ASSERT_NEAR(mix[2 * i], r.scale * a[i], 1e-4);
 }
 
