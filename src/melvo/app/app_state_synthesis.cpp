@@ -59,7 +59,7 @@ bool hasVoice(const std::vector<CharacterModel>& voices, const std::string& name
                      [&](const CharacterModel& c) { return c.name == name; });
 }
 
-std::string fixed3(double v) {
+std::string fixed5(double v) {
   char buf[32];
   std::snprintf(buf, sizeof buf, "%.5f", v);
   return buf;
@@ -364,7 +364,7 @@ void AppState::loadRenderedData(const fs::path& trackDir, const Uuid& trackID) {
   if (curve) {
     if (auto seconds = mixdown::durationSec(trackDir / "output.wav")) {
       curve->frameIntervalSec = curve->calibratedInterval(*seconds);
-      log::write("F0 calibrate", "frameInterval = " + fixed3(curve->frameIntervalSec) +
+      log::write("F0 calibrate", "frameInterval = " + fixed5(curve->frameIntervalSec) +
                                      " frames = " + std::to_string(curve->frequencies.size()));
       vm.setF0Calibrated(true);
     } else {

@@ -1,31 +1,72 @@
 #include "melvo/synthesis/mixdown.h"
 
+#include <fcntl.h>
 #include <sndfile.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <memory>
 #include <numbers>
 #include <system_error>
+#include <type_traits>
 
 namespace melvo::mixdown {
 namespace {
 
-// Frames per chunk: big enough that the calls into libsndfile cost nothing, small enough that
-// the buffers stay in cache.
-constexpr sf_count_t chunkFrames = 8192;
+// Frames per chunk. Half a megabyte a write lets the kernel take the page cache in large pieces:
+// the output's system time falls by a third against 64 KB writes. The buffers still sit in the
+// last-level cache, and calls into libsndfile cost nothing at this size.
+constexpr sf_count_t chunkFrames = 65536;
 
 struct SndfileCloser {
   void operator()(SNDFILE* f) const { sf_close(f); }
 };
 using SndfilePtr = std::unique_ptr<SNDFILE, SndfileCloser>;
 
+struct Descriptor {
+  int fd = -1;
+  explicit Descriptor(int d) : fd(d) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
 struct Input {
   SndfilePtr file;
   SF_INFO info{};
   PanGains gains;
   bool added = false;  // false: read only for its length
+  // Read as the 16-bit integers it holds and turned into floats while mixing, instead of by
+  // libsndfile in a pass of its own.
+  bool pcm16 = false;
 };
+
+// Adds `frames` frames of one voice into the stereo mix. A 16-bit sample becomes the float
+// libsndfile would read for it (the sample times 2^-15, exact), so both paths mix alike.
+template <typename Sample>
+void addVoice(float* o, const Sample* s, sf_count_t frames, int channels, PanGains g) {
+  auto value = [](Sample v) {
+    if constexpr (std::is_same_v<Sample, short>)
+      return static_cast<float>(v) * (1.0f / 0x8000);
+    else
+      return v;
+  };
+  if (channels == 1) {
+    for (sf_count_t i = 0; i < frames; ++i) {
+      const float x = value(s[i]);
+      o[2 * i] += x * g.left;
+      o[2 * i + 1] += x * g.right;
+    }
+  } else {
+    for (sf_count_t i = 0; i < frames; ++i) {
+      o[2 * i] += value(s[2 * i]) * g.left;
+      o[2 * i + 1] += value(s[2 * i + 1]) * g.right;
+    }
+  }
+}
 
 // Scales the written mix in place, chunk by chunk.
 bool scaleInPlace(const std::filesystem::path& path, float scale) {
@@ -42,6 +83,25 @@ bool scaleInPlace(const std::filesystem::path& path, float scale) {
     if (sf_writef_float(f.get(), buf.data(), n) != n) return false;
   }
   return true;
+}
+
+// The loudest of `n` samples and `peak`, NaN passed over as std::max passes over it. Eight
+// running maxima instead of one: a single running maximum is a chain of dependent compares that
+// the compiler may not split by itself (a float max is only reorderable without NaN), and that
+// chain took about half of a mix's time.
+float peakOf(const float* x, sf_count_t n, float peak) {
+  constexpr int lanes = 8;
+  float m[lanes];
+  std::fill_n(m, lanes, peak);
+  sf_count_t i = 0;
+  for (; i + lanes <= n; i += lanes)
+    for (int j = 0; j < lanes; ++j) {
+      const float v = std::fabs(x[i + j]);
+      m[j] = m[j] < v ? v : m[j];
+    }
+  for (; i < n; ++i) peak = std::max(peak, std::fabs(x[i]));
+  for (float v : m) peak = std::max(peak, v);
+  return peak;
 }
 
 }  // namespace
@@ -87,19 +147,36 @@ MixResult mix(const std::vector<std::filesystem::path>& paths, const std::vector
   outInfo.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
   // A file at another rate still counts towards the length, as every read file does, but is
   // not heard: resampling a voice is not the mix's business.
-  for (auto& in : inputs)
+  for (auto& in : inputs) {
     in.added = in.info.samplerate == outInfo.samplerate &&
                (in.info.channels == 1 || in.info.channels == outInfo.channels);
+    in.pcm16 = (in.info.format & SF_FORMAT_SUBMASK) == SF_FORMAT_PCM_16;
+  }
 
   // Written beside the target and renamed at the end, so a failed mix never leaves a torn
   // mix.wav behind for the player.
   std::filesystem::path partial = outputPath;
   partial += ".part";
-  SndfilePtr out(sf_open(partial.c_str(), SFM_WRITE, &outInfo));
-  if (!out) return result;
+  // Declared before `out`, so it is closed after it.
+  const Descriptor file(::open(partial.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (file.fd < 0) return result;
+  // The samples' blocks reserved in one call (not the header's few bytes, so nothing is left
+  // over past the end) rather than page by page as the writes arrive: about a tenth of a mix's
+  // time here. Where the file system cannot, the writes allocate as they go.
+  ::fallocate(file.fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length * 2 * sizeof(float)));
+  SndfilePtr out(sf_open_fd(file.fd, SFM_WRITE, &outInfo, SF_FALSE));
+  if (!out) {
+    std::error_code ec;
+    std::filesystem::remove(partial, ec);
+    return result;
+  }
+  // No PEAK chunk: libsndfile would scan every written sample again to fill it, and the
+  // scaling in place below would leave it stating the peak from before the scaling.
+  sf_command(out.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
 
   std::vector<float> mixBuf(static_cast<std::size_t>(chunkFrames * 2));
   std::vector<float> scratch(static_cast<std::size_t>(chunkFrames * 2));
+  std::vector<short> shorts(static_cast<std::size_t>(chunkFrames * 2));
   float peak = 0;
   bool written = true;
   for (sf_count_t pos = 0; pos < length && written; pos += chunkFrames) {
@@ -107,23 +184,15 @@ MixResult mix(const std::vector<std::filesystem::path>& paths, const std::vector
     std::fill_n(mixBuf.begin(), n * 2, 0.0f);
     for (auto& in : inputs) {
       if (!in.added) continue;
-      const sf_count_t got = sf_readf_float(in.file.get(), scratch.data(), n);
-      const float gl = in.gains.left, gr = in.gains.right;
-      float* o = mixBuf.data();
-      const float* s = scratch.data();
-      if (in.info.channels == 1) {
-        for (sf_count_t i = 0; i < got; ++i) {
-          o[2 * i] += s[i] * gl;
-          o[2 * i + 1] += s[i] * gr;
-        }
+      if (in.pcm16) {
+        const sf_count_t got = sf_readf_short(in.file.get(), shorts.data(), n);
+        addVoice(mixBuf.data(), shorts.data(), got, in.info.channels, in.gains);
       } else {
-        for (sf_count_t i = 0; i < got; ++i) {
-          o[2 * i] += s[2 * i] * gl;
-          o[2 * i + 1] += s[2 * i + 1] * gr;
-        }
+        const sf_count_t got = sf_readf_float(in.file.get(), scratch.data(), n);
+        addVoice(mixBuf.data(), scratch.data(), got, in.info.channels, in.gains);
       }
     }
-    for (sf_count_t i = 0; i < n * 2; ++i) peak = std::max(peak, std::fabs(mixBuf[i]));
+    peak = peakOf(mixBuf.data(), n * 2, peak);
     written = sf_writef_float(out.get(), mixBuf.data(), n) == n;
   }
   out.reset();
