@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
+#include <sys/stat.h>
 
 #include <cmath>
 #include <thread>
@@ -100,6 +101,30 @@ TEST(EngineScriptTest, ReRenderTakesItsFlagsFromTheCallerOnly) {
             "    -t\n\necho \"100% 再合成完了\"");
   EXPECT_NE(NEUTRINOEngine::revocodeScript(c, "/o", false).find("（--skip-timing）"),
             std::string::npos);
+}
+
+TEST(EngineScriptTest, TheScriptFileIsExecutableWhateverTheUmask) {
+  const mode_t previous = ::umask(077);
+  fs::path path;
+  try {
+    path = NEUTRINOEngine::writeScript("#!/bin/bash\necho hi\n", "ns_test_");
+  } catch (...) {
+    ::umask(previous);
+    throw;
+  }
+  ::umask(previous);
+  EXPECT_TRUE(path.filename().string().starts_with("ns_test_"));
+  EXPECT_EQ(path.extension(), ".sh");
+  EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+            fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                fs::perms::others_read | fs::perms::others_exec);
+  EXPECT_EQ(test::readText(path), "#!/bin/bash\necho hi\n");
+  // A second script gets a name of its own rather than overwriting the first.
+  const fs::path second = NEUTRINOEngine::writeScript("x", "ns_test_");
+  EXPECT_NE(second, path);
+  EXPECT_EQ(test::readText(path), "#!/bin/bash\necho hi\n");
+  fs::remove(path);
+  fs::remove(second);
 }
 
 // The stand-in engine, driven through the real driver.

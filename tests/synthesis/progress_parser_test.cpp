@@ -54,6 +54,8 @@ TEST_F(ProgressParserTest, LinePercentStandsAndStageComesFromKeywordsAlone) {
   EXPECT_EQ(label->stage, "ラベル変換");
   EXPECT_EQ(p.parse("WORLD vocoder")->percentage, 95.0);
   EXPECT_EQ(p.lastPercentage, 95.0);
+  // Keywords count among text in other scripts, but not in full-width letters.
+  EXPECT_EQ(p.parse("ＴＩＭＩＮＧ 推論中 nSf")->stage, "NSFボコーダー");
   // A later, lower value is reported as it is.
   EXPECT_EQ(p.parse("[1/4]")->percentage, 25.0);
 }

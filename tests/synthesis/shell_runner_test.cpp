@@ -72,6 +72,51 @@ TEST_F(ShellRunnerTest, ManyLinesAndLongLinesSurviveTheReadBuffer) {
   EXPECT_EQ(events[5000], std::string(200000, 'x'));
 }
 
+TEST_F(ShellRunnerTest, TheEndOfABurstArrivesWhileTheScriptStillRuns) {
+  // The burst makes the runner pause between looks; the last line comes while it does, and
+  // then nothing more until the test says so. It must not wait for the exit to be seen.
+  start(
+      "for i in $(seq 1 3000); do echo \"line $i\"; done\n"
+      "echo last\n"
+      "while [ ! -e go ]; do sleep 0.01; done\n"
+      "echo after\n");
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return !events.empty() && events.back() == "last"; }, 20s));
+  EXPECT_EQ(events.size(), 3001u);
+  EXPECT_EQ(exits, 0);
+  EXPECT_TRUE(runner.isRunning());
+  test::writeText(dir / "go", "");
+  ASSERT_TRUE(waitExit());
+  ASSERT_EQ(events.size(), 3003u);
+  EXPECT_EQ(events[3001], "after");
+  EXPECT_EQ(events[3002], "exit 0");
+}
+
+TEST_F(ShellRunnerTest, DroppingTheRunnerInsideALineCallbackEndsTheRunSilently) {
+  auto owned = std::make_unique<ShellRunner>(loop);
+  std::vector<std::string> seen;
+  bool exited = false;
+  // Many lines in one read, so the runner goes away in the middle of a batch, and a tool
+  // that would outlive bash if the group were not killed.
+  owned->run(
+      script("sleep 30 &\nfor i in $(seq 1 2000); do echo \"line $i\"; done\nwait\n"), dir.path(),
+      [&](const std::string& line) {
+        seen.push_back(line);
+        owned.reset();
+      },
+      [&](int) { exited = true; });
+  const pid_t group = *owned->processId();
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return !seen.empty(); }, 10s));
+  EXPECT_FALSE(owned);
+  EXPECT_TRUE(test::pumpUntil(
+      loop, [&] { return test::liveMembers(group).empty(); }, 10s));
+  std::this_thread::sleep_for(50ms);
+  loop.runUntilIdle();
+  EXPECT_EQ(seen, (std::vector<std::string>{"line 1"}));
+  EXPECT_FALSE(exited);
+}
+
 TEST_F(ShellRunnerTest, ChildSeesTheFixedSearchPathFirstAndRunsInTheGivenFolder) {
   start("echo \"$PATH\"\npwd\n");
   ASSERT_TRUE(waitExit());

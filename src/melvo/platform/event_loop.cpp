@@ -84,6 +84,10 @@ bool EventLoop::timerActive(std::uint64_t id) const {
   return impl_->timers.count(id) != 0;
 }
 
+asio::io_context& EventLoop::context() {
+  return impl_->io;
+}
+
 std::size_t EventLoop::activeTimerCount() const {
   return impl_->timers.size();
 }

@@ -11,6 +11,10 @@
 #include <initializer_list>
 #include <memory>
 
+namespace asio {
+class io_context;
+}
+
 namespace melvo {
 
 class Clock {
@@ -88,6 +92,10 @@ class EventLoop {
 
   Clock& clock() { return *clock_; }
   std::size_t activeTimerCount() const;
+
+  // The io_context behind the queue, for pipes and sockets read on the main thread. Their
+  // handlers run in run() and runUntilIdle() like posted jobs, but are not counted as jobs.
+  asio::io_context& context();
 
  private:
   friend class RepeatingTimer;

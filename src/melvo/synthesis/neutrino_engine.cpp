@@ -1,6 +1,8 @@
 #include "melvo/synthesis/neutrino_engine.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -140,12 +142,28 @@ std::string NEUTRINOEngine::revocodeScript(const NEUTRINOConfig& config, const f
 
 fs::path NEUTRINOEngine::writeScript(const std::string& script, std::string_view prefix) {
   fs::path path = paths::tempDir() / (std::string(prefix) + Uuid::random().toString() + ".sh");
-  writeFileAtomically(path, script);
-  if (::chmod(path.c_str(), 0755) != 0) {
-    std::string reason = std::strerror(errno);
-    std::error_code ec;
-    fs::remove(path, ec);
-    throw FileError(path.string() + ": " + reason);
+  // A fresh name that only we know, read once by bash right after and removed after the run:
+  // no rename is needed to keep a reader from half a file, and no fsync, which costs
+  // milliseconds per run while a crash would make the file useless anyway.
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0700);
+  if (fd < 0) throw FileError(path.string() + ": " + std::strerror(errno));
+  auto fail = [&](int err) {
+    ::close(fd);
+    ::unlink(path.c_str());
+    throw FileError(path.string() + ": " + std::strerror(err));
+  };
+  // Set outright: the umask would otherwise decide.
+  if (::fchmod(fd, 0755) != 0) fail(errno);
+  for (std::size_t done = 0; done < script.size();) {
+    const ssize_t n = ::write(fd, script.data() + done, script.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) fail(errno);
+    done += static_cast<std::size_t>(n);
+  }
+  if (::close(fd) != 0) {
+    const int err = errno;
+    ::unlink(path.c_str());
+    throw FileError(path.string() + ": " + std::strerror(err));
   }
   return path;
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
+#include <vector>
 
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/text.h"
@@ -32,6 +34,26 @@ std::size_t digitsEnd(std::string_view s, std::size_t i) {
 }
 double toDouble(std::string_view s) {
   return std::strtod(std::string(s).c_str(), nullptr);
+}
+
+// The line with A-Z lower-cased, which finds the keywords just where a full Unicode
+// lower-casing of the line would: the keywords are ASCII, the only letters outside ASCII that
+// lower-case into ASCII are U+0130 ("i" and a combining dot) and U+212A ("k"), and no keyword
+// holds a "k" or ends in an "i".
+void foldForKeywords(std::string_view s, std::string& out) {
+  out.assign(s);
+  for (char& c : out)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+}
+
+// The stage keywords in lower case, made once.
+const std::vector<std::string>& lowerKeys() {
+  static const std::vector<std::string> keys = [] {
+    std::vector<std::string> k;
+    for (const auto& stage : ProgressParser::stages) k.push_back(text::toLower(stage.key));
+    return k;
+  }();
+  return keys;
 }
 
 // The leftmost match of \d+(?:\.\d+)?\s*% , its number part.
@@ -77,11 +99,14 @@ std::optional<double> ProgressParser::parsePercent(std::string_view line) {
 }
 
 std::optional<ProgressInfo> ProgressParser::parse(std::string_view line) {
-  const std::string lowered = text::toLower(line);
+  // Called for every line of a run: the folded copy reuses its buffer.
+  thread_local std::string lowered;
+  foldForKeywords(line, lowered);
+  const std::vector<std::string>& keys = lowerKeys();
   const Stage* stage = nullptr;
-  for (const Stage& s : stages) {
-    if (lowered.find(text::toLower(s.key)) != std::string::npos) {
-      stage = &s;
+  for (std::size_t i = 0; i < std::size(stages); ++i) {
+    if (lowered.find(keys[i]) != std::string::npos) {
+      stage = &stages[i];
       break;
     }
   }

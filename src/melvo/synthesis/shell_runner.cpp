@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -26,120 +25,220 @@ std::string childSearchPath() {
          (inherited ? inherited : "");
 }
 
-// One run's reading side. Everything in it is touched on its own thread only, apart from the
-// members set before the thread starts.
-struct ShellRunner::Reader {
-  EventLoop& main;
+namespace {
+
+constexpr std::size_t kReadSize = 65536;
+// Reads of one pipe in one look. The main queue has other work: an engine that writes without
+// end must not keep it here.
+constexpr int kReadsPerLook = 16;
+// Reads of one pipe once the script has ended: what the pipe holds, unless something the
+// script left behind keeps writing, which is then cut off.
+constexpr int kReadsAtExit = 64;
+
+// One of the child's two output pipes and the line it has not finished yet.
+struct Pipe {
+  explicit Pipe(asio::io_context& io, const char* p) : d(io), prefix(p) {}
+  ~Pipe() { close(); }
+  asio::posix::stream_descriptor d;  // open only while the loop watches the pipe
+  int fd = -1;
+  std::string_view prefix;
+  std::string carry;   // bytes after the last newline so far
+  bool armed = false;  // a readiness wait is queued
+  bool ended = false;  // end of file, or an error that reading again would repeat
+
+  // The loop's poller reports every write into a watched pipe, waited for or not, so a pipe
+  // is taken out of it while the reader pauses and put back when it waits again.
+  // False when the poller would not take it; the reader then looks again after a pause.
+  bool watch() {
+    asio::error_code ec;
+    if (!d.is_open() && fd >= 0) d.assign(fd, ec);
+    return !ec;
+  }
+  void unwatch() {
+    if (d.is_open()) d.release();  // a queued wait comes back aborted
+  }
+  void close() {
+    unwatch();
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+  }
+};
+
+}  // namespace
+
+// One run's reading side, on the main queue. Its handlers hold it alive; the runner keeps it
+// in `readers` until its exit has been delivered, so that a destroyed runner can end it.
+struct ShellRunner::Reader : std::enable_shared_from_this<Reader> {
   std::weak_ptr<State> owner;
   std::weak_ptr<bool> alive;  // gone once the runner is destroyed: then nothing is delivered
   pid_t pid;
   LineHandler onLine;
   ExitHandler onExit;
 
-  asio::io_context io{1};
-  asio::posix::stream_descriptor out{io};
-  asio::posix::stream_descriptor err{io};
-  asio::posix::stream_descriptor exitWatch{io};  // a pidfd: readable once the child has ended
-  std::vector<char> chunk = std::vector<char>(65536, 0);
-  std::string outBuf, errBuf;
-  bool finished = false;
-  std::thread thread;
+  Pipe out, err;
+  asio::posix::stream_descriptor exitWatch;  // a pidfd: readable once the child has ended
+  asio::steady_timer pause;
+  bool pausing = false;
+  bool finished = false;  // the exit has been handled, or the runner is gone
+  bool busy = false;      // inside pump(): a nested turn of the loop must not read under it
+  bool exitSeen = false;  // the child ended while busy; finish() once the pump is done
+  std::unique_ptr<char[]> chunk;
+  std::string line;  // reused for every line handed out
 
-  Reader(EventLoop& m, pid_t p) : main(m), pid(p) {}
+  Reader(asio::io_context& io, pid_t p)
+      : pid(p), out(io, ""), err(io, "[STDERR] "), exitWatch(io), pause(io) {}
 
-  void post(std::function<void()> job) {
-    main.post([alive = alive, job = std::move(job)] {
-      if (alive.lock()) job();
-    });
+  bool gone() const { return finished || alive.expired(); }
+
+  // Hands one line out. False once nothing more may be delivered.
+  bool deliver(std::string_view bytes, std::string_view prefix) {
+    if (bytes.empty() || !text::isValidUtf8(bytes)) return true;
+    line.assign(prefix);
+    line.append(bytes);
+    onLine(line);
+    return !alive.expired();
   }
 
-  void splitLines(std::string& buf, const char* prefix) {
-    std::size_t from = 0;
-    for (;;) {
-      std::size_t nl = buf.find('\n', from);
-      if (nl == std::string::npos) break;
-      deliver(std::string_view(buf).substr(from, nl - from), prefix);
-      from = nl + 1;
+  // Splits freshly read bytes into lines, the first one completing what was carried over.
+  bool take(Pipe& p, const char* data, std::size_t n) {
+    const char* end = data + n;
+    const char* nl = static_cast<const char*>(std::memchr(data, '\n', n));
+    if (!nl) {
+      p.carry.append(data, n);
+      return true;
     }
-    buf.erase(0, from);
+    if (!p.carry.empty()) {
+      p.carry.append(data, nl);
+      const bool on = deliver(p.carry, p.prefix);
+      p.carry.clear();
+      if (!on) return false;
+    } else if (!deliver(std::string_view(data, static_cast<std::size_t>(nl - data)), p.prefix)) {
+      return false;
+    }
+    for (const char* from = nl + 1; from < end; from = nl + 1) {
+      nl = static_cast<const char*>(std::memchr(from, '\n', static_cast<std::size_t>(end - from)));
+      if (!nl) {
+        p.carry.assign(from, end);
+        break;
+      }
+      if (!deliver(std::string_view(from, static_cast<std::size_t>(nl - from)), p.prefix))
+        return false;
+    }
+    return true;
   }
 
-  // Lines of one read go to the main queue as one job: a chatty engine then costs the main
-  // queue one wakeup per burst rather than one per line, and the order stays as it was.
-  std::vector<std::string> pending;
-
-  void deliver(std::string_view bytes, const char* prefix) {
-    if (bytes.empty() || !text::isValidUtf8(bytes)) return;
-    pending.push_back(std::string(prefix) + std::string(bytes));
-  }
-
-  void flush() {
-    if (pending.empty()) return;
-    post([this, lines = std::move(pending)] {
-      for (const auto& line : lines) onLine(line);
-    });
-    pending.clear();
-  }
-
-  // Reads what is there now. False once the pipe has reached its end.
-  bool readSome(int fd, std::string& buf, const char* prefix) {
-    for (;;) {
-      ssize_t n = ::read(fd, chunk.data(), chunk.size());
+  // Reads what the pipe holds now, up to `reads` reads, and delivers its whole lines. Sets
+  // `got` when bytes came. False once nothing more may be delivered.
+  bool drain(Pipe& p, int reads, bool& got) {
+    for (; reads > 0 && !p.ended && !gone(); --reads) {
+      const ssize_t n = ::read(p.fd, chunk.get(), kReadSize);
       if (n > 0) {
-        buf.append(chunk.data(), static_cast<std::size_t>(n));
-        splitLines(buf, prefix);
+        got = true;
+        if (!take(p, chunk.get(), static_cast<std::size_t>(n))) return false;
         continue;
       }
       if (n < 0 && errno == EINTR) continue;
-      flush();
-      // EAGAIN and real errors: the next wakeup or the final drain reads on.
-      return n != 0;
+      // EAGAIN: the next look reads on. End of file and real errors: nothing more comes.
+      if (n == 0 || errno != EAGAIN) p.ended = true;
+      break;
     }
+    return !gone();
   }
 
-  void watch(asio::posix::stream_descriptor& d, std::string& buf, const char* prefix) {
-    d.async_wait(asio::posix::descriptor_base::wait_read,
-                 [this, &d, &buf, prefix](const asio::error_code& ec) {
-                   if (ec || finished) return;
-                   if (readSome(d.native_handle(), buf, prefix)) watch(d, buf, prefix);
-                 });
+  // One look at both pipes, stdout's lines first. A look that found output waits a little
+  // before the next one, so that a chatty engine costs one wakeup per pause instead of one
+  // per line; a quiet one gets each line as soon as it comes.
+  void pump() {
+    if (busy || gone()) return;
+    busy = true;
+    bool got = false;
+    const bool on = drain(out, kReadsPerLook, got) && drain(err, kReadsPerLook, got);
+    busy = false;
+    if (!on) return;
+    if (exitSeen) {
+      finish();
+      return;
+    }
+    if (got) {
+      out.unwatch();
+      err.unwatch();
+      lookAgainLater();
+      return;
+    }
+    arm(out);
+    arm(err);
+  }
+
+  void lookAgainLater() {
+    if (pausing) return;
+    pausing = true;
+    pause.expires_after(burstPause);
+    pause.async_wait([self = shared_from_this()](const asio::error_code& ec) {
+      self->pausing = false;
+      if (!ec) self->pump();
+    });
+  }
+
+  void arm(Pipe& p) {
+    if (p.armed || p.ended) return;
+    if (!p.watch()) {
+      lookAgainLater();
+      return;
+    }
+    p.armed = true;
+    p.d.async_wait(asio::posix::descriptor_base::wait_read,
+                   [self = shared_from_this(), &p](const asio::error_code& ec) {
+                     p.armed = false;
+                     if (!ec && !self->pausing) self->pump();
+                   });
   }
 
   void start() {
+    chunk.reset(new char[kReadSize]);
     exitWatch.async_wait(asio::posix::descriptor_base::wait_read,
-                         [this](const asio::error_code& ec) {
-                           if (!ec) finish();
+                         [self = shared_from_this()](const asio::error_code& ec) {
+                           if (ec) return;
+                           if (self->busy)
+                             self->exitSeen = true;
+                           else
+                             self->finish();
                          });
-    watch(out, outBuf, "");
-    watch(err, errBuf, "[STDERR] ");
-    thread = std::thread([this] { io.run(); });
+    arm(out);
+    arm(err);
   }
 
-  void finish() {
+  // Frees the descriptors; pending waits come back aborted and do nothing.
+  void close() {
+    finished = true;
+    asio::error_code ignored;
+    pause.cancel();
+    out.close();
+    err.close();
+    exitWatch.close(ignored);
+  }
+
+  void reap() {
     int waitStatus = 0;
     while (::waitpid(pid, &waitStatus, 0) < 0 && errno == EINTR) {
     }
-    const int status = child::shellStatus(waitStatus);
-    asio::error_code ignored;
-    out.cancel(ignored);
-    err.cancel(ignored);
+    status = child::shellStatus(waitStatus);
+  }
+  int status = -1;
+
+  void finish() {
+    if (gone()) return;
+    reap();
     // Everything the pipes still hold, stdout's before stderr's, then the unterminated tails.
-    readSome(out.native_handle(), outBuf, "");
-    readSome(err.native_handle(), errBuf, "[STDERR] ");
-    finished = true;
-    deliver(outBuf, "");
-    deliver(errBuf, "[STDERR] ");
-    flush();
-    outBuf.clear();
-    errBuf.clear();
-    out.close(ignored);
-    err.close(ignored);
-    exitWatch.close(ignored);
-    post([this, status] {
-      auto state = owner.lock();
-      if (state) closeRun(*state);
-      onExit(status);
-    });
+    busy = true;
+    bool got = false;
+    bool on = drain(out, kReadsAtExit, got) && drain(err, kReadsAtExit, got);
+    busy = false;
+    on = on && deliver(out.carry, out.prefix) && deliver(err.carry, err.prefix);
+    if (!on) return;
+    close();
+    auto state = owner.lock();
+    if (state) closeRun(*state);
+    onExit(status);
   }
 
   void closeRun(State& state);
@@ -150,21 +249,9 @@ struct ShellRunner::State {
   std::shared_ptr<bool> alive = std::make_shared<bool>(true);
   bool isRunning = false;
   std::optional<pid_t> pid;                      // the current run's child, also its process group
-  std::vector<std::unique_ptr<Reader>> readers;  // every run whose thread is not yet joined
+  std::vector<std::shared_ptr<Reader>> readers;  // every run whose exit is not yet delivered
 
   explicit State(EventLoop& m) : main(m) {}
-
-  void reap(Reader* done) {
-    for (auto it = readers.begin(); it != readers.end(); ++it) {
-      if (it->get() != done) continue;
-      // Called from the reader's last posted job: its thread has nothing left to do.
-      if ((*it)->thread.joinable()) (*it)->thread.join();
-      // The job that called us still runs inside this reader; free it on the next turn.
-      main.post([keep = std::shared_ptr<Reader>(it->release())] {});
-      readers.erase(it);
-      return;
-    }
-  }
 };
 
 void ShellRunner::Reader::closeRun(State& state) {
@@ -172,7 +259,12 @@ void ShellRunner::Reader::closeRun(State& state) {
     state.pid.reset();
     state.isRunning = false;
   }
-  state.reap(this);
+  for (auto it = state.readers.begin(); it != state.readers.end(); ++it) {
+    if (it->get() == this) {
+      state.readers.erase(it);
+      break;
+    }
+  }
 }
 
 namespace {
@@ -191,10 +283,13 @@ void setNonBlocking(int fd) {
 ShellRunner::ShellRunner(EventLoop& mainQueue) : state_(std::make_shared<State>(mainQueue)) {}
 
 ShellRunner::~ShellRunner() {
-  state_->alive.reset();  // queued callbacks of ours are dropped from here on
+  state_->alive.reset();  // a line handler that destroyed us stops its reader right there
   for (auto& r : state_->readers) child::signalGroup(r->pid, SIGKILL);
-  for (auto& r : state_->readers)
-    if (r->thread.joinable()) r->thread.join();
+  for (auto& r : state_->readers) {
+    if (r->finished) continue;
+    r->reap();
+    r->close();
+  }
 }
 
 bool ShellRunner::isRunning() const {
@@ -229,18 +324,17 @@ void ShellRunner::run(const std::filesystem::path& script,
   setNonBlocking(spawned.outFd);
   setNonBlocking(spawned.errFd);
 
-  auto reader = std::make_unique<Reader>(state_->main, spawned.pid);
+  auto reader = std::make_shared<Reader>(state_->main.context(), spawned.pid);
   reader->owner = state_;
   reader->alive = state_->alive;
   reader->onLine = std::move(onLine);
   reader->onExit = std::move(onExit);
-  reader->out.assign(spawned.outFd);
-  reader->err.assign(spawned.errFd);
+  reader->out.fd = spawned.outFd;
+  reader->err.fd = spawned.errFd;
   reader->exitWatch.assign(pidfd);
   state_->pid = spawned.pid;
-  Reader* r = reader.get();
-  state_->readers.push_back(std::move(reader));
-  r->start();
+  state_->readers.push_back(reader);
+  reader->start();
 }
 
 void ShellRunner::cancel() {

@@ -1,14 +1,15 @@
 // Runs one generated bash script as a child process and hands its output back line by line
 // on the main queue, then its exit status once, after the last line.
 //
-// Each run reads its two pipes on a thread of its own (a private Asio io_context), so the
-// main queue never blocks on the child; every callback is posted to the main queue in the
-// order the bytes arrived. The script runs in its own process group: bash does not pass a
-// signal on to the tool it is waiting for, and a cancel must stop the engine's CPU use too.
+// The pipes are read on the main queue itself, non-blocking, so a line costs no hop between
+// threads and the main queue never waits on the child. The script runs in its own process
+// group: bash does not pass a signal on to the tool it is waiting for, and a cancel must stop
+// the engine's CPU use too.
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -33,14 +34,14 @@ class ShellRunner {
 
   // The loop must outlive the runner.
   explicit ShellRunner(EventLoop& mainQueue);
-  // Kills what still runs of the group and waits for the reader threads; no callback comes
-  // after this.
+  // Kills what still runs of the group and reaps the script; no callback comes after this.
   ~ShellRunner();
   ShellRunner(const ShellRunner&) = delete;
   ShellRunner& operator=(const ShellRunner&) = delete;
 
   // Starts "/bin/bash <script>" in `workingDirectory`. stdout lines arrive as they are,
-  // stderr lines with "[STDERR] " in front; empty and undecodable lines are dropped. Throws
+  // stderr lines with "[STDERR] " in front; empty and undecodable lines are dropped. Of what
+  // one look at the pipes finds, stdout's lines come before stderr's. Throws
   // SpawnError when the child cannot be started; isRunning() then stays true until the next
   // run() or cancel().
   void run(const std::filesystem::path& script, const std::filesystem::path& workingDirectory,
@@ -56,6 +57,10 @@ class ShellRunner {
 
   // Grace time between SIGTERM and SIGKILL.
   static constexpr int killDelayMs = 3000;
+  // After a read that found output, the pipes are looked at again only this much later: lines
+  // of a burst then come a few at a time, not with a wakeup each, and a lone line still comes
+  // at once. Well under what anyone sees on a progress bar.
+  static constexpr std::chrono::milliseconds burstPause{2};
 
  private:
   struct State;
