@@ -83,6 +83,49 @@ TEST(GateReading, LineMatchesTheWriter) {
   EXPECT_EQ(k, written.size());
 }
 
+// Songs stored in time order take a walk of their own: chords there must still come out in the
+// writer's order (a lyric first, then a note that isn't very short, then stored order).
+TEST(GateReading, LineInStoredTimeOrderMatchesTheWriter) {
+  std::mt19937 random(5);
+  const std::vector<std::string> lyrics{"か", "", " ", "ー"};
+  std::vector<NoteEvent> notes{note(0, 100, "か")};  // alone at its tick: moved below
+  std::int64_t tick = 200;
+  for (int i = 0; i < 300; ++i) {
+    const int voices = random() % 4 == 0 ? 2 + random() % 3 : 1;
+    for (int v = 0; v < voices; ++v)
+      notes.push_back(note(tick, random() % 4 == 0 ? 10 : 1 + random() % 500,
+                           lyrics[random() % lyrics.size()], 60 + v));
+    tick += random() % 3 == 0 ? 0 : 1 + random() % 300;  // some ticks come twice in a row
+  }
+  NoteList list(notes);
+  TrackLine line = TrackLine::of(list, 480);
+  auto written = MusicXMLExporter::normalizedNotes(list, 480);
+  ASSERT_EQ(line.ticks.size(), line.notes.size());
+  std::size_t k = 0;
+  for (std::size_t i = 0; i < line.notes.size(); ++i) {
+    EXPECT_EQ(line.ticks[i], line.notes[i]->tick);
+    EXPECT_EQ(&list[line.storedIndex[i]], line.notes[i]);
+    if (!line.sung[i]) continue;
+    ASSERT_LT(k, written.size());
+    EXPECT_EQ(line.notes[i]->id, written[k].id);
+    EXPECT_EQ(line.ends[i], written[k].endTick());
+    ++k;
+  }
+  EXPECT_EQ(k, written.size());
+
+  // The same notes with one stored out of place take the general sort and give the same line.
+  std::vector<NoteEvent> moved = notes;
+  std::rotate(moved.begin(), moved.begin() + 1, moved.end());
+  const NoteList movedList(moved);
+  TrackLine sorted = TrackLine::of(movedList, 480);
+  ASSERT_EQ(sorted.notes.size(), line.notes.size());
+  for (std::size_t i = 0; i < line.notes.size(); ++i) {
+    EXPECT_EQ(sorted.notes[i]->id, line.notes[i]->id) << i;
+    EXPECT_EQ(sorted.ends[i], line.ends[i]) << i;
+    EXPECT_EQ(sorted.sung[i], line.sung[i]) << i;
+  }
+}
+
 TEST(GateProblems, RefusalNamesTheNotes) {
   test::JapaneseTexts ja;
   auto d = song({note(0, 480, "か", 22), note(480, 480, "さ", 23), note(960, 480, "！")});
@@ -133,6 +176,24 @@ TEST(GateProblems, NotesPastBarTwoThousand) {
            r.severity == ValidationIssue::Severity::error;
   });
   EXPECT_EQ(limit, 1);
+}
+
+// The row jumps to every note the ceiling costs, in time order: crossing ones, then the rest.
+TEST(GateProblems, CeilingRowListsTheLostNotesInTimeOrder) {
+  const std::int64_t bar = 1920;
+  auto d =
+      song({note(0, 480, "か"), note(1999 * bar, 480, "い"), note(1999 * bar + 960, 2 * bar, "さ"),
+            note(2001 * bar, 480, "た"), note(2001 * bar, 240, ""), note(2003 * bar, 480, "な")});
+  auto rows = test::rowsOf(validate(d, {}, {}), ValidationIssue::Category::beyondExportLimit);
+  ASSERT_EQ(rows.size(), 1u);
+  const auto& notes = d.tracks[0].notes;
+  EXPECT_EQ(rows[0].tick, notes[2].tick);
+  EXPECT_EQ(rows[0].jumpNoteID, notes[2].id);
+  ASSERT_EQ(rows[0].jumpPlaces.size(), 3u);  // the chord's second note is not sung
+  EXPECT_EQ(rows[0].jumpPlaces[0].noteID, notes[2].id);
+  EXPECT_EQ(rows[0].jumpPlaces[1].noteID, notes[3].id);
+  EXPECT_EQ(rows[0].jumpPlaces[2].noteID, notes[5].id);
+  EXPECT_EQ(rows[0].jumpPlaces[2].tick, 2003 * bar);
 }
 
 TEST(GateLog, BothLanguagesAndTheAddedRestBar) {

@@ -1,8 +1,8 @@
 #include "melvo/checking/kana_table.h"
 
 #include <array>
-#include <bitset>
 #include <memory>
+#include <stdexcept>
 
 #include "melvo/platform/text.h"
 
@@ -105,14 +105,6 @@ int spellingScore(std::string_view kana) {
   return score;
 }
 
-constexpr char32_t kDenseFirst = 0x3040;
-constexpr char32_t kDenseLast = 0x30FF;
-constexpr std::size_t kDenseSize = kDenseLast - kDenseFirst + 1;
-
-bool inDense(char32_t c) {
-  return c >= kDenseFirst && c <= kDenseLast;
-}
-
 struct Tables {
   std::vector<std::pair<std::string, std::string>> entries;
   std::unordered_map<std::string, std::string> table;
@@ -122,10 +114,7 @@ struct Tables {
   std::unordered_map<std::string, std::string> phonemeKana;
 
   std::vector<kana::Unit> units;  // parallel to entries
-  std::array<const kana::Unit*, kDenseSize> singleUnits{};
-  std::unordered_map<std::uint64_t, const kana::Unit*> pairUnits;
-  // Second scalars that occur in some pair: most neighbours are not, so the hash is skipped.
-  std::bitset<kDenseSize> pairSeconds;
+  kana::DenseLookup dense;
 
   Tables() {
     std::size_t start = 0;
@@ -148,20 +137,34 @@ struct Tables {
       for (char ch : value) count += ch == ' ';
       units.push_back({key, value, count});
     }
+    using Dense = kana::DenseLookup;
+    struct PairKey {
+      char32_t first, second;
+      const kana::Unit* unit;
+    };
+    std::vector<PairKey> pairKeys;
     for (std::size_t n = 0; n < entries.size(); ++n) {
       const std::string& key = entries[n].first;
       const kana::Unit* unit = &units[n];
       std::u32string scalars = text::toScalars(key);
+      // The dense lookups, and the reader's promise that a scalar outside the kana blocks
+      // stops the reading, rest on this.
+      for (char32_t c : scalars)
+        if (!Dense::covers(c)) throw std::logic_error("kana table key outside the kana blocks");
       if (scalars.size() == 1) {
         singles.emplace(scalars[0], unit->phonemes);
-        if (inDense(scalars[0])) singleUnits[scalars[0] - kDenseFirst] = unit;
+        dense.singles[scalars[0] - Dense::first] = unit;
       } else if (scalars.size() == 2) {
-        std::uint64_t k = scalarPairKey(scalars[0], scalars[1]);
-        pairs.emplace(k, unit->phonemes);
-        pairUnits.emplace(k, unit);
-        if (inDense(scalars[1])) pairSeconds.set(scalars[1] - kDenseFirst);
+        pairs.emplace(scalarPairKey(scalars[0], scalars[1]), unit->phonemes);
+        pairKeys.push_back({scalars[0], scalars[1], unit});
+        std::uint8_t& column = dense.pairColumn[scalars[1] - Dense::first];
+        if (column == 0) column = static_cast<std::uint8_t>(++dense.pairColumns);
       }
     }
+    dense.pairGrid.assign(Dense::size * dense.pairColumns, nullptr);
+    for (const PairKey& k : pairKeys)
+      dense.pairGrid[(k.first - Dense::first) * dense.pairColumns +
+                     dense.pairColumn[k.second - Dense::first] - 1] = k.unit;
 
     // Offered in table order; a later spelling replaces the held one only on a higher score.
     std::unordered_map<std::string, int> held;
@@ -211,16 +214,15 @@ const Unit& chouonUnit() {
 }
 
 const Unit* lookupSingle(char32_t c) {
-  const Tables& t = tables();
-  if (inDense(c)) return t.singleUnits[c - kDenseFirst];
-  return nullptr;  // every single-scalar key lies in the kana blocks
+  return tables().dense.single(c);
 }
 
 const Unit* lookupPair(char32_t first, char32_t second) {
-  const Tables& t = tables();
-  if (!inDense(second) || !t.pairSeconds.test(second - kDenseFirst)) return nullptr;
-  auto it = t.pairUnits.find(scalarPairKey(first, second));
-  return it == t.pairUnits.end() ? nullptr : it->second;
+  return tables().dense.pair(first, second);
+}
+
+const DenseLookup& denseLookup() {
+  return tables().dense;
 }
 
 }  // namespace kana

@@ -3,6 +3,8 @@
 // clean-up and the score writer.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -52,6 +54,31 @@ const Unit& chouonUnit();
 // Integer-keyed lookups used on the hot path; nullptr when the table has no such key.
 const Unit* lookupSingle(char32_t c);
 const Unit* lookupPair(char32_t first, char32_t second);
+
+// The same lookups as plain arrays over the kana blocks, where every scalar of every key lies:
+// a reader fetches them once per lyric and looks up inline, with no call or hash per scalar.
+struct DenseLookup {
+  static constexpr char32_t first = 0x3040;
+  static constexpr char32_t last = 0x30FF;
+  static constexpr std::size_t size = last - first + 1;
+  static constexpr bool covers(char32_t c) { return c >= first && c <= last; }
+
+  std::array<const Unit*, size> singles{};
+  // A row per first scalar and a column per scalar that ends some pair (the small kana);
+  // pairColumn holds the column plus one, 0 for a scalar that ends no pair.
+  std::array<std::uint8_t, size> pairColumn{};
+  std::size_t pairColumns = 0;
+  std::vector<const Unit*> pairGrid;
+
+  const Unit* single(char32_t c) const { return covers(c) ? singles[c - first] : nullptr; }
+  const Unit* pair(char32_t a, char32_t b) const {
+    if (!covers(b)) return nullptr;
+    const std::uint8_t column = pairColumn[b - first];
+    if (column == 0 || !covers(a)) return nullptr;
+    return pairGrid[(a - first) * pairColumns + column - 1];
+  }
+};
+const DenseLookup& denseLookup();
 
 }  // namespace kana
 }  // namespace melvo

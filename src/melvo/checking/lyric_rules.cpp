@@ -1,6 +1,7 @@
 #include "melvo/checking/lyric_rules.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "melvo/platform/text.h"
 
@@ -82,7 +83,7 @@ bool neverTrimmed(char32_t c) {
 
 // The export form as a view: of the caller's text when nothing but trimming is needed (the
 // usual case, and free of allocation), else of `storage`.
-std::string_view exportForm(std::string_view lyric, std::string& storage) {
+std::string_view generalExportForm(std::string_view lyric, std::string& storage) {
   bool combining = false;
   bool illegal = false;
   bool malformed = false;
@@ -124,25 +125,45 @@ std::string_view exportForm(std::string_view lyric, std::string& storage) {
   return storage;
 }
 
+// A lyric's export form, and whether the lyric is plain kana: then the form is the lyric
+// itself (nothing to compose, drop or trim) and reads on the quick walk below.
+struct ExportForm {
+  std::string_view text;
+  bool plainKana = false;
+};
+
+ExportForm exportFormOf(std::string_view lyric, std::string& storage) {
+  if (isPlainKana(lyric)) return {lyric, true};
+  return {generalExportForm(lyric, storage), false};
+}
+
+std::string_view exportForm(std::string_view lyric, std::string& storage) {
+  return exportFormOf(lyric, storage).text;
+}
+
 // Reads `s` (already in export form) unit by unit, pairs before single scalars. Calls
 // onUnit(unit) for each unit and onMark() for each vowel-drop mark read over, and returns the
 // byte offset at which reading stopped.
 template <class OnUnit, class OnMark>
-std::size_t walkUnits(std::string_view s, OnUnit&& onUnit, OnMark&& onMark) {
+std::size_t walkScalars(std::string_view s, OnUnit&& onUnit, OnMark&& onMark) {
+  if (s.empty()) return 0;
+  const kana::DenseLookup& table = kana::denseLookup();
+  // Each scalar is decoded once: the second of a failed pair is the first of the next try.
   std::size_t i = 0;
-  while (i < s.size()) {
-    std::size_t next = i;
-    char32_t c = text::nextScalar(s, next);
-    if (next < s.size()) {
-      std::size_t afterPair = next;
-      char32_t second = text::nextScalar(s, afterPair);
-      if (const kana::Unit* unit = kana::lookupPair(c, second)) {
-        onUnit(*unit);
-        i = afterPair;
-        continue;
-      }
+  std::size_t next = 0;
+  char32_t c = text::nextScalar(s, next);
+  for (;;) {
+    std::size_t afterSecond = next;
+    const char32_t second = next < s.size() ? text::nextScalar(s, afterSecond) : kNoScalar;
+    if (const kana::Unit* unit = table.pair(c, second)) {
+      onUnit(*unit);
+      i = afterSecond;
+      if (i >= s.size()) break;
+      next = i;
+      c = text::nextScalar(s, next);
+      continue;
     }
-    if (const kana::Unit* unit = kana::lookupSingle(c)) {
+    if (const kana::Unit* unit = table.single(c)) {
       onUnit(*unit);
     } else if (c == U'ー') {
       onUnit(kana::chouonUnit());
@@ -152,8 +173,50 @@ std::size_t walkUnits(std::string_view s, OnUnit&& onUnit, OnMark&& onMark) {
       break;
     }
     i = next;
+    if (second == kNoScalar) break;
+    c = second;
+    next = afterSecond;
   }
   return i;
+}
+
+// The scalar at byte `i` of plain kana (see isPlainKana): E3 and two bytes with its low bits.
+char32_t plainKanaScalar(const unsigned char* p, std::size_t i) {
+  return 0x3000 | (static_cast<char32_t>(p[i + 1] & 0x3F) << 6) | (p[i + 2] & 0x3Fu);
+}
+
+// The same reading for plain kana: every scalar is three bytes, and no vowel-drop mark can
+// occur.
+template <class OnUnit>
+std::size_t walkPlainKana(std::string_view s, OnUnit&& onUnit) {
+  const kana::DenseLookup& table = kana::denseLookup();
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+  auto at = [p](std::size_t i) { return plainKanaScalar(p, i); };
+  const std::size_t n = s.size();
+  std::size_t i = 0;
+  while (i < n) {
+    const char32_t c = at(i);
+    if (i + 3 < n)
+      if (const kana::Unit* unit = table.pair(c, at(i + 3))) {
+        onUnit(*unit);
+        i += 6;
+        continue;
+      }
+    if (const kana::Unit* unit = table.single(c)) {
+      onUnit(*unit);
+    } else if (c == U'ー') {
+      onUnit(kana::chouonUnit());
+    } else {
+      break;
+    }
+    i += 3;
+  }
+  return i;
+}
+
+template <class OnUnit, class OnMark>
+std::size_t walkUnits(const ExportForm& form, OnUnit&& onUnit, OnMark&& onMark) {
+  return form.plainKana ? walkPlainKana(form.text, onUnit) : walkScalars(form.text, onUnit, onMark);
 }
 
 bool isChouonUnit(const kana::Unit& unit) {
@@ -213,6 +276,10 @@ bool isCharacterIn(std::string_view character, const char32_t* begin, const char
 }
 
 bool isStandaloneSpecial(std::string_view lyric) {
+  // Each is one kana of three bytes, so nearly every lyric is refused on its length alone.
+  static_assert(std::all_of(std::begin(standaloneSpecials), std::end(standaloneSpecials),
+                            [](std::string_view s) { return s.size() == 3; }));
+  if (lyric.size() != 3) return false;
   return std::find(std::begin(standaloneSpecials), std::end(standaloneSpecials), lyric) !=
          std::end(standaloneSpecials);
 }
@@ -268,23 +335,40 @@ std::string lyricForExport(std::string_view lyric) {
 
 LyricReading readLyric(std::string_view lyric) {
   std::string storage;
-  std::string_view s = exportForm(lyric, storage);
-  LyricReading reading;
-  reading.units.reserve(text::scalarCount(s));  // one allocation, not one per growth
-  std::size_t stop = walkUnits(
-      s, [&](const kana::Unit& unit) { reading.units.emplace_back(unit.phonemes); }, [] {});
-  reading.readable = std::string(s.substr(0, stop));
-  reading.rest = std::string(s.substr(stop));
-  return reading;
+  const ExportForm form = exportFormOf(lyric, storage);
+  const std::string_view s = form.text;
+  // Units are gathered first so that the list is allocated once, at its size; a lyric of more
+  // units than a note usually holds is walked a second time.
+  constexpr std::size_t kFew = 8;
+  const kana::Unit* few[kFew];
+  std::size_t count = 0;
+  const std::size_t stop = walkUnits(
+      form,
+      [&](const kana::Unit& unit) {
+        if (count < kFew) few[count] = &unit;
+        ++count;
+      },
+      [] {});
+  std::vector<std::string> units;
+  if (count <= kFew) {
+    units.reserve(count);
+    for (std::size_t k = 0; k < count; ++k) units.emplace_back(few[k]->phonemes);
+  } else {
+    units.reserve(count);
+    walkUnits(
+        form, [&](const kana::Unit& unit) { units.emplace_back(unit.phonemes); }, [] {});
+  }
+  return {std::move(units), std::string(s.substr(0, stop)), std::string(s.substr(stop))};
 }
 
 ReadingState readingState(std::string_view lyric) {
   std::string storage;
-  std::string_view s = exportForm(lyric, storage);
+  const ExportForm form = exportFormOf(lyric, storage);
+  const std::string_view s = form.text;
   if (s.empty()) return {ReadingKind::empty, {}, {}};
   std::size_t units = 0;
   std::size_t stop = walkUnits(
-      s, [&](const kana::Unit&) { ++units; }, [] {});
+      form, [&](const kana::Unit&) { ++units; }, [] {});
   if (units == 0) return {ReadingKind::unreadable, {}, {}};
   if (stop < s.size()) {
     return {ReadingKind::partial, std::string(s.substr(0, stop)), std::string(s.substr(stop))};
@@ -294,12 +378,13 @@ ReadingState readingState(std::string_view lyric) {
 
 int countPhonemes(std::string_view lyric) {
   std::string storage;
-  std::string_view s = exportForm(lyric, storage);
+  const ExportForm form = exportFormOf(lyric, storage);
+  const std::string_view s = form.text;
   int sum = 0;
   int chouon = 0;
   int others = 0;
   std::size_t stop = walkUnits(
-      s,
+      form,
       [&](const kana::Unit& unit) {
         if (isChouonUnit(unit)) {
           ++chouon;
@@ -339,12 +424,13 @@ bool startsWithSustain(std::string_view lyric) {
 
 std::vector<bool> effectiveVowelDrops(std::string_view lyric) {
   std::string storage;
-  std::string_view s = exportForm(lyric, storage);
+  const ExportForm form = exportFormOf(lyric, storage);
+  const std::string_view s = form.text;
   std::vector<bool> drops;
   const kana::Unit* previous = nullptr;
   int sungUnits = 0;
   std::size_t stop = walkUnits(
-      s,
+      form,
       [&](const kana::Unit& unit) {
         previous = &unit;
         if (!isChouonUnit(unit)) ++sungUnits;
@@ -362,12 +448,58 @@ std::vector<bool> effectiveVowelDrops(std::string_view lyric) {
   return drops;
 }
 
+// ---- All at once ----
+
+bool isPlainKana(std::string_view lyric) {
+  const std::size_t n = lyric.size();
+  if (n < 3 || n % 3 != 0) return false;
+  // The kana blocks U+3040..U+30FF are E3 81 80 .. E3 83 BF and the voiced marks U+3099 and
+  // U+309A are E3 82 99 and E3 82 9A: three compares on the three bytes taken as one number.
+  const auto* p = reinterpret_cast<const unsigned char*>(lyric.data());
+  auto plainAt = [p](std::size_t i) {
+    const std::uint32_t w = (std::uint32_t{p[i]} << 16) | (std::uint32_t{p[i + 1]} << 8) | p[i + 2];
+    return (w - 0xE38180u <= 0xE383BFu - 0xE38180u) & ((w & 0xC0u) == 0x80u) & (w - 0xE38299u > 1u);
+  };
+  // The first and the last scalar without branches: for the one or two kana of nearly every
+  // note that is all, and no loop length is left for the branch predictor to guess.
+  bool plain = plainAt(0) & plainAt(n - 3);
+  for (std::size_t i = 3; i + 3 < n; i += 3) plain &= plainAt(i);
+  return plain;
+}
+
+std::optional<PlainKanaSummary> summarizePlainKana(std::string_view lyric) {
+  if (!isPlainKana(lyric)) return std::nullopt;
+  // The lyric is its own export form and shape form (’ is not kana), and each scalar its own
+  // Character, so the shapes are read off the scalars.
+  PlainKanaSummary k;
+  k.scalars = static_cast<int>(lyric.size() / 3);
+  const char32_t first = plainKanaScalar(reinterpret_cast<const unsigned char*>(lyric.data()), 0);
+  k.startsWithSustain = first == U'ー' || first == U'っ' || first == U'ッ';
+  k.onlySokuon = k.scalars == 1 && (first == U'っ' || first == U'ッ');
+  int units = 0, chouon = 0, others = 0, sum = 0;
+  const std::size_t stop = walkPlainKana(lyric, [&](const kana::Unit& unit) {
+    ++units;
+    if (isChouonUnit(unit)) {
+      ++chouon;
+    } else {
+      ++others;
+      sum += unit.phonemeCount;
+    }
+  });
+  k.onlyChouon = stop == lyric.size() && others == 0;  // ー is read; nothing else is
+  k.reading = units == 0            ? ReadingKind::unreadable
+              : stop < lyric.size() ? ReadingKind::partial
+                                    : ReadingKind::readable;
+  k.phonemes = stop == lyric.size() && others == 0 && chouon > 0 ? 1 : sum;
+  return k;
+}
+
 // ---- Classes ----
 
 LyricClass classifyLyricChars(std::string_view lyric) {
   // Nothing but kana is clean whatever the rules below say: no %, no 強 or 弱 at the end, no
   // digit or letter, and every Character lies in the kana range. That is nearly every note.
-  if (allScalars(lyric, inKanaRange)) return LyricClass::clean;
+  if (isPlainKana(lyric) || allScalars(lyric, inKanaRange)) return LyricClass::clean;
   if (lyric == "R" || lyric == "r" || lyric.find('%') != std::string_view::npos ||
       isUtauMarked(lyric)) {
     return LyricClass::utauMark;
@@ -471,54 +603,73 @@ std::string visibleLyric(std::string_view lyric) {
 
 // ---- Morae, syllables, vowels ----
 
-std::vector<std::string> splitMorae(std::string_view lyric) {
-  std::vector<std::string> morae;
-  std::string pending;
+namespace {
+
+// Calls onMora(mora) for each mora of `lyric`, as views into it: a mora is a run of whole
+// Characters (joiners before the first full kana belong to it), so nothing is copied until a
+// caller keeps the pieces.
+template <class F>
+void forEachMora(std::string_view lyric, F&& onMora) {
+  std::size_t start = 0;
+  bool hasKana = false;  // the mora from `start` has its full kana
   forEachCharacter(lyric, [&](std::string_view character) {
-    if (isCharacterIn(character, moraJoiners)) {
-      if (morae.empty()) {
-        pending.append(character);
-      } else {
-        morae.back().append(character);
-      }
-    } else {
-      pending.append(character);
-      morae.push_back(std::move(pending));
-      pending.clear();
+    if (isCharacterIn(character, moraJoiners)) return true;
+    const auto at = static_cast<std::size_t>(character.data() - lyric.data());
+    if (hasKana) {
+      onMora(lyric.substr(start, at - start));
+      start = at;
     }
+    hasKana = true;
     return true;
   });
-  if (!pending.empty()) morae.push_back(std::move(pending));
-  return morae;
+  if (start < lyric.size()) onMora(lyric.substr(start));
 }
 
-std::vector<std::string> groupSyllables(std::string_view lyric) {
-  std::vector<std::string> morae = splitMorae(lyric);
-  std::vector<std::string> syllables;
-  syllables.reserve(morae.size());
-  std::string previous;  // the mora before, not the syllable: しょうい splits before い
-  for (std::string& mora : morae) {
+// The same for syllables, which are runs of whole morae.
+template <class F>
+void forEachSyllable(std::string_view lyric, F&& onSyllable) {
+  std::string_view syllable;
+  bool any = false;
+  std::string_view previous;  // the mora before, not the syllable: しょうい splits before い
+  forEachMora(lyric, [&](std::string_view mora) {
     // The vowel before matters only for い and う, so it is looked up only then.
     auto after = [&](std::initializer_list<std::string_view> vowels) {
       std::optional<std::string> v = vowelOf(previous);
       return v && std::find(vowels.begin(), vowels.end(), *v) != vowels.end();
     };
-    bool joins =
-        !syllables.empty() && (mora == "ん" || mora == "ン" ||
+    const bool joins = any && (mora == "ん" || mora == "ン" ||
                                ((mora == "い" || mora == "イ") && after({"あ", "え", "お"})) ||
                                ((mora == "う" || mora == "ウ") && after({"あ", "お"})));
     previous = mora;
     if (joins) {
-      syllables.back() += mora;
+      syllable = std::string_view(syllable.data(), syllable.size() + mora.size());
     } else {
-      syllables.push_back(std::move(mora));
+      if (any) onSyllable(syllable);
+      syllable = mora;
+      any = true;
     }
-  }
+  });
+  if (any) onSyllable(syllable);
+}
+
+}  // namespace
+
+std::vector<std::string> splitMorae(std::string_view lyric) {
+  std::vector<std::string> morae;
+  forEachMora(lyric, [&](std::string_view mora) { morae.emplace_back(mora); });
+  return morae;
+}
+
+std::vector<std::string> groupSyllables(std::string_view lyric) {
+  std::vector<std::string> syllables;
+  forEachSyllable(lyric, [&](std::string_view syllable) { syllables.emplace_back(syllable); });
   return syllables;
 }
 
 bool isMultiSyllable(std::string_view lyric) {
-  return groupSyllables(lyric).size() >= 2;
+  std::size_t count = 0;
+  forEachSyllable(lyric, [&](std::string_view) { ++count; });
+  return count >= 2;
 }
 
 std::optional<std::string> vowelOf(std::string_view mora) {

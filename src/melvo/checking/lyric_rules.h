@@ -143,6 +143,25 @@ bool startsWithSustain(std::string_view lyric);
 // at least two units other than ー and the mark follows a unit with a consonant.
 std::vector<bool> effectiveVowelDrops(std::string_view lyric);
 
+// ---- All at once ----
+
+// True when every scalar is in the kana blocks and none is a combining voiced mark: the lyric
+// is its own export form and every scalar is a Character of its own. Nearly every note.
+bool isPlainKana(std::string_view lyric);
+
+// What the per-note checks ask of a plain-kana lyric, read in one walk; nullopt for any other
+// lyric. Each field equals what its own function above gives.
+struct PlainKanaSummary {
+  ReadingKind reading = ReadingKind::empty;  // readingState(lyric).kind
+  int scalars = 0;
+  int phonemes = 0;  // countPhonemes
+  bool onlyChouon = false;
+  bool onlySokuon = false;
+  bool startsWithSustain = false;
+  bool operator==(const PlainKanaSummary&) const = default;
+};
+std::optional<PlainKanaSummary> summarizePlainKana(std::string_view lyric);
+
 // ---- Classes ----
 
 LyricClass classifyLyricChars(std::string_view lyric);

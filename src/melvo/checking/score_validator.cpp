@@ -164,7 +164,7 @@ void checkChords(TrackCheck& c) {
   };
   for (std::size_t a = 0; a < n;) {
     std::size_t b = a + 1;
-    while (b < n && line.notes[b]->tick == line.notes[a]->tick) ++b;
+    while (b < n && line.ticks[b] == line.ticks[a]) ++b;
     if (b - a < 2) {
       a = b;
       continue;
@@ -260,11 +260,10 @@ void checkChords(TrackCheck& c) {
 
 void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
   const TrackLine& line = c.line;
-  std::vector<const NoteEvent*> tooLow, below, above, all;
+  std::vector<const NoteEvent*> tooLow, below, above;
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     if (!line.sung[i]) continue;
     const NoteEvent* e = line.notes[i];
-    all.push_back(e);
     if (e->pitch < SynthesisGate::lowestPitch) {
       tooLow.push_back(e);
     } else if (e->pitch < range.low) {
@@ -319,6 +318,10 @@ void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
   std::sort(outside.begin(), outside.end(),
             [](const NoteEvent* x, const NoteEvent* y) { return x->tick < y->tick; });
   if (outside.empty()) return;
+  // Every sung note, for the whole-track moves; only needed when some note is outside.
+  std::vector<const NoteEvent*> all;
+  for (std::size_t i = 0; i < line.notes.size(); ++i)
+    if (line.sung[i]) all.push_back(line.notes[i]);
   const std::size_t count = outside.size();
   Issue* row;
   if (range.fromModel) {
@@ -390,9 +393,12 @@ void checkOverlaps(TrackCheck& c, bool cleanupTrims) {
   for (std::size_t i = 0; i < n; ++i) {
     if (next <= i) {
       next = i + 1;
-      while (next < n && line.notes[next]->tick == line.notes[i]->tick) ++next;
+      while (next < n && line.ticks[next] == line.ticks[i]) ++next;
     }
     if (next >= n) break;
+    // A note that ends before the next tick cannot overlap it; a sung note's end is at most
+    // that tick, and equal to its own end when that comes first.
+    if (line.ends[i] < line.ticks[next]) continue;
     const NoteEvent& a = *line.notes[i];
     const NoteEvent& b = *line.notes[next];
     const std::int64_t overlap = a.endTick() - b.tick;
@@ -419,16 +425,18 @@ void checkOverlaps(TrackCheck& c, bool cleanupTrims) {
 }
 
 void checkBarCeiling(TrackCheck& c, std::optional<std::int64_t> ceiling) {
-  const CeilingLoss loss = ceilingLoss(c.line, ceiling);
+  const TrackLine& line = c.line;
+  const CeilingLoss loss = ceilingLoss(line, ceiling);
   if (loss.empty()) return;
-  std::vector<const NoteEvent*> beyond, crossing, all;
-  for (std::size_t i : loss.beyond) beyond.push_back(c.line.notes[i]);
-  for (std::size_t i : loss.crossing) crossing.push_back(c.line.notes[i]);
-  all = crossing;
-  all.insert(all.end(), beyond.begin(), beyond.end());
-  std::stable_sort(all.begin(), all.end(),
-                   [](const NoteEvent* x, const NoteEvent* y) { return x->tick < y->tick; });
-  const std::string first = c.place(all[0]->tick);
+  std::vector<const NoteEvent*> crossing;
+  for (std::size_t i : loss.crossing) crossing.push_back(line.notes[i]);
+  // The notes in time order are the crossing ones, then the others: both lists follow the
+  // line, and crossing notes start before the ceiling, the others at or after it. A long song
+  // past the ceiling has most of its notes in the second list, so it is walked, not copied.
+  const std::vector<std::size_t>& beyond = loss.beyond;
+  const std::size_t firstIndex = crossing.empty() ? beyond[0] : loss.crossing[0];
+  const NoteEvent& firstNote = *line.notes[firstIndex];
+  const std::string first = c.place(firstNote.tick);
   std::string message;
   if (!beyond.empty() && !crossing.empty()) {
     message =
@@ -445,9 +453,11 @@ void checkBarCeiling(TrackCheck& c, std::optional<std::int64_t> ceiling) {
             "小節目より後ろの部分を歌いません（%@）",
             {c.trackNumber(), num(crossing.size()), placesOf(c.ruler, crossing)});
   }
-  Issue& row = c.add(Cat::beyondExportLimit, Sev::error, all[0]->tick, std::move(message));
-  row.jumpNoteID = all[0]->id;
-  for (const auto* e : all) row.jumpPlaces.push_back({e->tick, e->id});
+  Issue& row = c.add(Cat::beyondExportLimit, Sev::error, firstNote.tick, std::move(message));
+  row.jumpNoteID = firstNote.id;
+  row.jumpPlaces.reserve(crossing.size() + beyond.size());
+  for (const auto* e : crossing) row.jumpPlaces.push_back({e->tick, e->id});
+  for (std::size_t i : beyond) row.jumpPlaces.push_back({line.ticks[i], line.notes[i]->id});
   row.detail =
       tr("NEUTRINO へ渡す譜は 2000 "
          "小節までです。曲を途中で分けて別のファイルにするか、遠くの音をピアノロールで前へ移してく"
@@ -462,10 +472,11 @@ void checkPhrases(TrackCheck& c) {
     if (start == line.notes.size()) start = i;
     std::size_t next = i + 1;
     while (next < line.notes.size() && !line.sung[next]) ++next;
-    const bool ends = line.notes[i]->hasBreathAfter || next >= line.notes.size() ||
-                      line.notes[next]->tick - line.ends[i] >= c.th.phraseBreak;
+    const bool ends = next >= line.notes.size() ||
+                      line.ticks[next] - line.ends[i] >= c.th.phraseBreak ||
+                      line.notes[i]->hasBreathAfter;
     if (!ends) continue;
-    const std::int64_t from = line.notes[start]->tick, to = line.ends[i];
+    const std::int64_t from = line.ticks[start], to = line.ends[i];
     const double seconds = c.clock.seconds(to) - c.clock.seconds(from);
     if (std::isfinite(seconds) && seconds > 8.0) {
       Issue& row =

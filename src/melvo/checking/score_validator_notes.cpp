@@ -192,7 +192,12 @@ void checkNotes(TrackCheck& c) {
     const std::int64_t prevEnd = prev ? prev->endTick() : 0;
     const std::int64_t gap = prev ? note.tick - prevEnd : 0;
     const bool prevReadable = prev && !c.readings[prevIndex].kind.has_value();
-    const std::string shown = visibleLyric(note.lyric);
+    // The lyric as rows show it; built only for the few notes that get a row.
+    std::optional<std::string> shownText;
+    auto shown = [&]() -> const std::string& {
+      if (!shownText) shownText = visibleLyric(note.lyric);
+      return *shownText;
+    };
     auto finish = [&] {
       prev = &note;
       prevIndex = i;
@@ -253,10 +258,10 @@ void checkNotes(TrackCheck& c) {
 
       // Too many phonemes on one note stops the engine.
       if (f.phonemes >= 9) {
-        Issue& row =
-            c.add(Cat::multiSyllable, Sev::error, note.tick,
-                  trf("1音符に音素が %d 個「%@」（NEUTRINO は8個まで）", {num(f.phonemes), shown}),
-                  note.id);
+        Issue& row = c.add(
+            Cat::multiSyllable, Sev::error, note.tick,
+            trf("1音符に音素が %d 個「%@」（NEUTRINO は8個まで）", {num(f.phonemes), shown()}),
+            note.id);
         row.detail = tr(SynthesisGate::detailKey(SynthesisGate::Kind::tooManyPhonemes));
         auto syl = groupSyllables(lyricForExport(note.lyric));
         if (syl.size() >= 2)
@@ -280,7 +285,7 @@ void checkNotes(TrackCheck& c) {
         const K kind = *reading.kind;
         if (kind == K::undefinedLyric && !classRow && !invisible) {
           Issue& row = c.add(Cat::invalidLyricChars, Sev::error, note.tick,
-                             trf("NEUTRINO が読めない歌詞「%@」", {shown}), note.id);
+                             trf("NEUTRINO が読めない歌詞「%@」", {shown()}), note.id);
           row.detail = tr(SynthesisGate::detailKey(kind));
           row.suggestions.push_back(suggestion(tr("このまま（歌詞を直す）"), S::KeepAsIs{}));
         }
@@ -344,9 +349,9 @@ void checkNotes(TrackCheck& c) {
           }
         }
         if (kind == K::afterStrandedSokuon) {
-          Issue& row =
-              c.add(Cat::standaloneSpecial, Sev::error, note.tick,
-                    trf("句の頭の「っ」に続く「%@」（%@）", {shown, c.place(note.tick)}), note.id);
+          Issue& row = c.add(Cat::standaloneSpecial, Sev::error, note.tick,
+                             trf("句の頭の「っ」に続く「%@」（%@）", {shown(), c.place(note.tick)}),
+                             note.id);
           row.detail = tr(SynthesisGate::detailKey(kind));
           if (f.onlyChouon && prev) {
             // ー after a lone っ: the two are one held っ.
@@ -372,7 +377,7 @@ void checkNotes(TrackCheck& c) {
         switch (cls) {
           case LyricClass::utauMark: {
             category = Cat::utauResidue;
-            message = trf("UTAU の印が歌詞に入っています「%@」", {shown});
+            message = trf("UTAU の印が歌詞に入っています「%@」", {shown()});
             detail.push_back(
                 tr("UTAU "
                    "で使う印（休符の「R」・声の強さの「強」「弱」・「%"
@@ -393,13 +398,13 @@ void checkNotes(TrackCheck& c) {
           }
           case LyricClass::digitsOrLatin:
             category = Cat::mixedDigits;
-            message = trf("歌詞に数字・英字「%@」", {shown});
+            message = trf("歌詞に数字・英字「%@」", {shown()});
             detail.push_back(tr(
                 "NEUTRINO は ASCII "
                 "文字を発音できません。ひらがなに置き換えてください（例「1番」→「いちばん」）。"));
             break;
           case LyricClass::otherNonKana: {
-            message = trf("歌詞「%@」に非ひらがな/カタカナ文字", {shown});
+            message = trf("歌詞「%@」に非ひらがな/カタカナ文字", {shown()});
             detail.push_back(
                 tr("ローマ字や漢字は NEUTRINO で読めません。ひらがな or "
                    "カタカナへ変換してください。"));
@@ -424,24 +429,24 @@ void checkNotes(TrackCheck& c) {
             const std::string cleaned = withoutMarks(note.lyric);
             if (cls == LyricClass::symbol) {
               if (anyKana(cleaned)) {
-                message = trf("歌詞に記号「%@」", {shown});
+                message = trf("歌詞に記号「%@」", {shown()});
                 detail.push_back(
                     tr("記号は NEUTRINO "
                        "で発音されません。「歌詞と音符を自動で直す」で除去できます。"));
               } else {
-                message = trf("記号だけの歌詞「%@」", {shown});
+                message = trf("記号だけの歌詞「%@」", {shown()});
                 detail.push_back(tr(
                     "記号だけの歌詞です。何の音かを決められないため、「歌詞と音符を自動で直す」では"
                     "外しません。前の音を伸ばす時は「ー」に、歌わない音は休符にしてください。"));
               }
             } else if (note.lyric.find("※") != std::string::npos) {
-              message = trf("歌詞「%@」に CeVIO・VoiSona のファルセットの記号「※」", {shown});
+              message = trf("歌詞「%@」に CeVIO・VoiSona のファルセットの記号「※」", {shown()});
               detail.push_back(
                   tr("ファルセット「※」は CeVIO・VoiSona の記号で、NEUTRINO "
                      "では効きません。「歌詞と音符を自動で直す」の「記号（! ? 。 、 鉤括弧 "
                      "…）を歌詞から消す」で外せます。"));
             } else {
-              message = trf("歌詞「%@」の母音脱落「’」は、この位置では効きません", {shown});
+              message = trf("歌詞「%@」の母音脱落「’」は、この位置では効きません", {shown()});
               detail.push_back(
                   tr("母音脱落「’」は、仮名が2つ以上ある音符の中で、子音のある仮名の後ろに付けた時"
                      "だけ効きます（例「す’き」は s k i と歌います）。この位置では NEUTRINO "
@@ -475,17 +480,17 @@ void checkNotes(TrackCheck& c) {
       if (invisible || cls == LyricClass::invisibleOnly) {
         const std::string left = withoutInvisible(note.lyric);
         Issue& row = c.add(Cat::emojiControl, byFatal, note.tick,
-                           trf("歌詞「%@」に見えない制御文字", {shown}), note.id);
+                           trf("歌詞「%@」に見えない制御文字", {shown()}), note.id);
         row.detail =
             anyKana(left)
                 ? trf("目に見えない制御文字（%@"
                       "）が入っています。書き出しでは外すので、歌う中身は変わりません。「歌詞と音符"
                       "を自動で直す」の「歌詞の絵文字と目に見えない字を消す」でも外せます。",
-                      {shown})
+                      {shown()})
                 : trf("歌詞が見えない制御文字（%@"
                       "）だけです。書き出しでは外すので、歌詞の無い音になります。歌詞を入力するか、"
                       "この音を休符にしてください。",
-                      {shown});
+                      {shown()});
         if (!left.empty() && left != note.lyric)
           row.suggestions.push_back(suggestion(trf("「%@」にする", {left}), S::SetLyric{left}));
         else if (left.empty())
@@ -515,8 +520,8 @@ void checkNotes(TrackCheck& c) {
       const std::string exported = lyricForExport(note.lyric);
       if (gap > c.th.thirtySecond && !text::startsWith(exported, "っ") &&
           !text::startsWith(exported, "ッ"))
-        row.suggestions.push_back(
-            suggestion(trf("「っ」を歌詞に追加（%@→っ%@）", {shown, shown}), S::PrependSokuon{}));
+        row.suggestions.push_back(suggestion(
+            trf("「っ」を歌詞に追加（%@→っ%@）", {shown(), shown()}), S::PrependSokuon{}));
       if (!prev->hasBreathAfter)
         row.suggestions.push_back(
             suggestion(trf("直前の音符「%@」にブレス（♪）を付ける", {visibleLyric(prev->lyric)}),
@@ -533,10 +538,18 @@ void checkNotes(TrackCheck& c) {
           "測定）が、読み込みの誤りで生じた長さのこともあります。元の譜と見比べてください。");
     }
 
-    const std::string exported =
-        !f.emptyTrimmed && f.scalars <= 4 ? lyricForExport(note.lyric) : std::string();
-    // A small kana or ー with nothing to lean on.
-    if (!reported[i] && !reading.kind && !exported.empty() && isStandaloneSpecial(exported)) {
+    // A small kana or ー with nothing to lean on. Plain kana is its own export form.
+    std::string exportedText;
+    std::string_view exported;
+    if (!reported[i] && !reading.kind && !f.emptyTrimmed && f.scalars <= 4) {
+      if (isPlainKana(note.lyric)) {
+        exported = note.lyric;
+      } else {
+        exportedText = lyricForExport(note.lyric);
+        exported = exportedText;
+      }
+    }
+    if (!exported.empty() && isStandaloneSpecial(exported)) {
       const bool forward = exported == "っ" || exported == "ッ";
       const bool neighbour = forward ? (next && next->tick - note.endTick() <= c.th.halfBeat)
                                      : (prev && gap <= c.th.halfBeat);
@@ -741,7 +754,7 @@ void checkNotes(TrackCheck& c) {
       if (!syl.empty() && foldKana(syl.back()) == foldKana(lyricForExport(note.lyric)))
         if (auto vowel = vowelOf(before)) {
           Issue& row = c.add(Cat::tieLyricDup, Sev::warning, note.tick,
-                             trf("スラー継続で歌詞が重複「%@」", {shown}), note.id);
+                             trf("スラー継続で歌詞が重複「%@」", {shown()}), note.id);
           row.detail =
               tr("スラー/"
                  "タイで繋がる続きの音符に同じ音節が入っています。二重発音になるため、継続側は前の"
@@ -755,11 +768,12 @@ void checkNotes(TrackCheck& c) {
     if (!reported[i] && f.allKana && !fatal && f.phonemes < 9 && f.scalars >= 2 &&
         !c.keepWhole.count(note.id)) {
       const std::string form = lyricForExport(note.lyric);
-      auto syl = groupSyllables(form);
-      if (syl.size() >= 2) {
-        Issue& row = c.add(
-            Cat::multiSyllable, Sev::warning, note.tick,
-            trf("1つの音符に何音も入っている「%@」（%d 音節）", {shown, num(syl.size())}), note.id);
+      if (isMultiSyllable(form)) {
+        auto syl = groupSyllables(form);
+        Issue& row =
+            c.add(Cat::multiSyllable, Sev::warning, note.tick,
+                  trf("1つの音符に何音も入っている「%@」（%d 音節）", {shown(), num(syl.size())}),
+                  note.id);
         row.detail =
             joinLines({tr("1つの音符に複数の音節があると、NEUTRINO "
                           "は区切らずに繋いで歌う傾向があります（二重母音と「母音＋ん」は、1つの音"

@@ -17,6 +17,18 @@ namespace melvo {
 
 LyricFacts lyricFacts(std::string_view lyric) {
   LyricFacts f;
+  if (auto k = summarizePlainKana(lyric)) {
+    // Nearly every note: one walk instead of a function per fact.
+    f.emptyTrimmed = false;
+    f.allKana = true;
+    f.scalars = k->scalars;
+    f.reading = k->reading;
+    f.onlyChouon = k->onlyChouon;
+    f.onlySokuon = k->onlySokuon;
+    f.startsWithSustain = k->startsWithSustain;
+    if (f.scalars >= 5 || f.onlyChouon) f.phonemes = k->phonemes;
+    return f;
+  }
   f.emptyTrimmed = text::trimWhitespaceAndNewlines(lyric).empty();
   bool allKana = true;
   bool sustainChar = false;
@@ -40,50 +52,105 @@ LyricFacts lyricFacts(std::string_view lyric) {
   return f;
 }
 
+namespace {
+
+// The writer's order at one tick: a lyric first, then a note that isn't very short.
+std::uint8_t writerRank(const NoteEvent& e, std::int64_t ppq) {
+  const std::int64_t shortBelow = ppq < 16 ? 1 : ppq / 16;
+  return static_cast<std::uint8_t>((text::trimWhitespaceAndNewlines(e.lyric).empty() ? 2 : 0) +
+                                   (e.duration >= shortBelow ? 0 : 1));
+}
+
+// Songs stored in time order, as they almost always are, in one walk over the notes: only the
+// notes of one tick (chords) change places, so each such run is ordered on its own as it
+// closes, which is the order the whole sort gives. False, with the line left partly built,
+// when a note comes before the one stored ahead of it.
+bool buildRisingLine(TrackLine& line, const NoteList& notes, std::int64_t ppq) {
+  struct Entry {
+    std::uint8_t rank;
+    std::uint32_t stored;
+    const NoteEvent* note;
+    std::int64_t end;
+  };
+  std::vector<Entry> run;
+  std::size_t runStart = 0;
+  auto closeRun = [&](std::size_t runEnd) {
+    if (runEnd - runStart < 2) return;
+    run.clear();
+    for (std::size_t i = runStart; i < runEnd; ++i)
+      run.push_back(
+          {writerRank(*line.notes[i], ppq), line.storedIndex[i], line.notes[i], line.ends[i]});
+    std::stable_sort(run.begin(), run.end(),
+                     [](const Entry& x, const Entry& y) { return x.rank < y.rank; });
+    for (std::size_t i = runStart; i < runEnd; ++i) {
+      const Entry& e = run[i - runStart];
+      line.notes[i] = e.note;
+      line.storedIndex[i] = e.stored;
+      line.ends[i] = e.end;
+    }
+  };
+  std::uint32_t k = 0;
+  for (const NoteEvent& note : notes) {
+    const std::int64_t tick = note.tick;
+    if (k > 0 && tick != line.ticks.back()) {
+      if (tick < line.ticks.back()) return false;
+      closeRun(k);
+      // The sung note of the run ends where this one begins, at the latest.
+      line.ends[runStart] = std::min(line.ends[runStart], tick);
+      runStart = k;
+    }
+    line.notes.push_back(&note);
+    line.storedIndex.push_back(k);
+    line.ticks.push_back(tick);
+    line.ends.push_back(note.endTick());
+    line.sung.push_back(k == runStart);
+    ++k;
+  }
+  closeRun(k);
+  return true;
+}
+
+}  // namespace
+
 TrackLine TrackLine::of(const NoteList& notes, std::int64_t ppq) {
   TrackLine line;
   const std::size_t n = notes.size();
   line.notes.reserve(n);
   line.storedIndex.reserve(n);
-  bool strictlyRising = true;
-  std::int64_t last = -1;
-  std::uint32_t k = 0;
+  line.ticks.reserve(n);
+  line.ends.reserve(n);
+  line.sung.reserve(n);
+  if (buildRisingLine(line, notes, ppq)) return line;
+
+  line.notes.clear();
+  line.storedIndex.clear();
   for (const NoteEvent& note : notes) {
-    if (note.tick <= last) strictlyRising = false;
-    last = note.tick;
+    line.storedIndex.push_back(static_cast<std::uint32_t>(line.notes.size()));
     line.notes.push_back(&note);
-    line.storedIndex.push_back(k++);
   }
-  if (!strictlyRising) {
-    // The writer's order at one tick: a lyric first, then a note that isn't very short.
-    const std::int64_t shortBelow = ppq < 16 ? 1 : ppq / 16;
-    std::vector<std::uint8_t> rank(n);
-    for (std::size_t i = 0; i < n; ++i) {
-      const NoteEvent& e = *line.notes[i];
-      rank[i] =
-          static_cast<std::uint8_t>((text::trimWhitespaceAndNewlines(e.lyric).empty() ? 2 : 0) +
-                                    (e.duration >= shortBelow ? 0 : 1));
-    }
-    std::vector<std::uint32_t> order(line.storedIndex);
-    std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-      const std::int64_t ta = line.notes[a]->tick, tb = line.notes[b]->tick;
-      if (ta != tb) return ta < tb;
-      return rank[a] < rank[b];
-    });
-    std::vector<const NoteEvent*> sorted(n);
-    for (std::size_t i = 0; i < n; ++i) sorted[i] = line.notes[order[i]];
-    line.notes = std::move(sorted);
-    line.storedIndex = std::move(order);
-  }
+  std::vector<std::uint8_t> rank(n);
+  for (std::size_t i = 0; i < n; ++i) rank[i] = writerRank(*line.notes[i], ppq);
+  std::vector<std::uint32_t> order(line.storedIndex);
+  std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+    const std::int64_t ta = line.notes[a]->tick, tb = line.notes[b]->tick;
+    if (ta != tb) return ta < tb;
+    return rank[a] < rank[b];
+  });
+  std::vector<const NoteEvent*> sorted(n);
+  for (std::size_t i = 0; i < n; ++i) sorted[i] = line.notes[order[i]];
+  line.notes = std::move(sorted);
+  line.storedIndex = std::move(order);
+  line.ticks.resize(n);
+  for (std::size_t i = 0; i < n; ++i) line.ticks[i] = line.notes[i]->tick;
   line.sung.assign(n, true);
   line.ends.resize(n);
   std::size_t nextSung = n;  // walking back: the next sung note after i
   for (std::size_t i = n; i-- > 0;) {
     const NoteEvent& e = *line.notes[i];
-    line.sung[i] = i == 0 || line.notes[i - 1]->tick != e.tick;
+    line.sung[i] = i == 0 || line.ticks[i - 1] != line.ticks[i];
     std::int64_t end = e.endTick();
     if (line.sung[i]) {
-      if (nextSung < n) end = std::min(end, line.notes[nextSung]->tick);
+      if (nextSung < n) end = std::min(end, line.ticks[nextSung]);
       nextSung = i;
     }
     line.ends[i] = end;
@@ -101,7 +168,7 @@ std::vector<SynthesisGate::NoteReading> SynthesisGate::readLine(
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     if (!line.sung[i]) continue;
     const LyricFacts& f = facts[i];
-    const std::int64_t tick = line.notes[i]->tick;
+    const std::int64_t tick = line.ticks[i];
     const bool joined = hadPrevious && previousEnd == tick;
     NoteReading& r = out[i];
     bool readable = true;
@@ -231,7 +298,7 @@ CeilingLoss ceilingLoss(const TrackLine& line, std::optional<std::int64_t> ceili
   if (!ceiling) return loss;
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     if (!line.sung[i]) continue;
-    if (line.notes[i]->tick >= *ceiling) {
+    if (line.ticks[i] >= *ceiling) {
       loss.beyond.push_back(i);
     } else if (line.ends[i] > *ceiling) {
       loss.crossing.push_back(i);
@@ -263,12 +330,19 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
       continue;
     }
     TrackLine line = TrackLine::of(track.notes, document.ppq);
+    // The notes themselves are read once, for their lyrics and the pitches the engine stops on;
+    // the rest works on what was gathered, and only notes with a problem are visited again.
     std::vector<LyricFacts> facts(line.notes.size());
-    for (std::size_t i = 0; i < facts.size(); ++i)
-      if (line.sung[i]) facts[i] = lyricFacts(line.notes[i]->lyric);
+    std::vector<bool> tooLow(line.notes.size());
+    for (std::size_t i = 0; i < facts.size(); ++i) {
+      if (!line.sung[i]) continue;
+      const NoteEvent& n = *line.notes[i];
+      facts[i] = lyricFacts(n.lyric);
+      tooLow[i] = n.pitch < lowestPitch;
+    }
     std::vector<NoteReading> readings = readLine(line, facts);
     for (std::size_t i = 0; i < line.notes.size(); ++i) {
-      if (!line.sung[i]) continue;
+      if (!line.sung[i] || (!readings[i].kind && !tooLow[i])) continue;
       const NoteEvent& n = *line.notes[i];
       if (const auto& kind = readings[i].kind) {
         std::string message;
@@ -295,7 +369,7 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
         }
         out.push_back({n.id, t, n.tick, n.lyric, *kind, std::move(message), place(n.tick)});
       }
-      if (n.pitch < lowestPitch) {
+      if (tooLow[i]) {
         out.push_back({n.id, t, n.tick, n.lyric, Kind::pitchTooLow,
                        trf("音が低すぎて NEUTRINO が止まります（%@。%@ 以上にしてください）",
                            {pitchName(n.pitch), pitchName(lowestPitch)}),

@@ -37,7 +37,10 @@ LyricFacts lyricFacts(std::string_view lyric);
 struct TrackLine {
   std::vector<const NoteEvent*> notes;
   std::vector<std::uint32_t> storedIndex;  // position in the track's list
-  std::vector<std::int64_t> ends;          // sung end (raw end for notes that aren't sung)
+  // notes[i]->tick, side by side: the passes that need only times read these instead of
+  // reaching into every note of a long song again.
+  std::vector<std::int64_t> ticks;
+  std::vector<std::int64_t> ends;  // sung end (raw end for notes that aren't sung)
   std::vector<bool> sung;
 
   static TrackLine of(const NoteList& notes, std::int64_t ppq);

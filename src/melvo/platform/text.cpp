@@ -13,7 +13,7 @@
 
 namespace melvo::text {
 
-char32_t nextScalar(std::string_view s, std::size_t& i) {
+char32_t nextScalarSlow(std::string_view s, std::size_t& i) {
   const auto* p = reinterpret_cast<const unsigned char*>(s.data());
   const std::size_t n = s.size();
   unsigned char c = p[i];
@@ -181,16 +181,20 @@ std::size_t graphemeCount(std::string_view s) {
 
 // ---- Trim sets ----
 
+// No scalar above the ideographic space is a space, line or paragraph separator, so kana and
+// kanji, which lyrics are made of, need no property lookup.
+constexpr char32_t kLastSeparator = 0x3000;
+
 bool isWhitespace(char32_t c) {
   if (c == 0x09 || c == 0x20) return true;
-  if (c < 0x80) return false;
+  if (c < 0x80 || c > kLastSeparator) return false;
   return u_charType(static_cast<UChar32>(c)) == U_SPACE_SEPARATOR;
 }
 
 bool isWhitespaceOrNewline(char32_t c) {
   if (c >= 0x09 && c <= 0x0D) return true;
   if (c == 0x20) return true;
-  if (c < 0x80) return false;
+  if (c < 0x80 || c > kLastSeparator) return false;
   if (c == 0x85) return true;
   auto t = u_charType(static_cast<UChar32>(c));
   return t == U_SPACE_SEPARATOR || t == U_LINE_SEPARATOR || t == U_PARAGRAPH_SEPARATOR;

@@ -15,7 +15,27 @@ inline constexpr char32_t kReplacement = 0xFFFD;
 
 // Decodes the scalar at byte offset `i` and advances `i` past it. A malformed sequence yields
 // U+FFFD and advances one byte, so a loop over damaged text always terminates.
-char32_t nextScalar(std::string_view s, std::size_t& i);
+char32_t nextScalarSlow(std::string_view s, std::size_t& i);
+// Inline for ASCII and well-formed three-byte forms (kana, kanji): every lyric rule walks each
+// note's lyric several times per edit, and a call per scalar showed up in the profile. Anything
+// else takes the full decoder, so both give the same scalar and the same advance.
+inline char32_t nextScalar(std::string_view s, std::size_t& i) {
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data()) + i;
+  const unsigned char c = p[0];
+  if (c < 0x80) {
+    ++i;
+    return c;
+  }
+  if ((c & 0xF0) == 0xE0 && s.size() - i >= 3 && (p[1] & 0xC0) == 0x80 && (p[2] & 0xC0) == 0x80) {
+    const char32_t cp = (static_cast<char32_t>(c & 0x0F) << 12) |
+                        (static_cast<char32_t>(p[1] & 0x3F) << 6) | (p[2] & 0x3Fu);
+    if (cp >= 0x800 && (cp < 0xD800 || cp > 0xDFFF)) {
+      i += 3;
+      return cp;
+    }
+  }
+  return nextScalarSlow(s, i);
+}
 bool isValidUtf8(std::string_view s);
 std::size_t scalarCount(std::string_view s);
 std::u32string toScalars(std::string_view s);
