@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_support.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/synthesis/neutrino_engine.h"
 
@@ -30,6 +31,9 @@ namespace fs = std::filesystem;
 using namespace melvo;
 
 namespace {
+
+using melvo::bench::median;
+using melvo::bench::secondsSince;
 
 struct Fixture {
   fs::path root;
@@ -65,16 +69,6 @@ struct Fixture {
 Fixture& fixture() {
   static Fixture f;
   return f;
-}
-
-double secondsSince(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const std::size_t h = v.size() / 2;
-  return v.empty() ? 0 : v.size() % 2 ? v[h] : (v[h - 1] + v[h]) / 2;
 }
 
 // One run through the driver; the number of log lines it delivered.

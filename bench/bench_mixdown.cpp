@@ -28,12 +28,16 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "melvo/synthesis/mixdown.h"
 
 namespace fs = std::filesystem;
 using namespace melvo;
 
 namespace {
+
+using melvo::bench::median;
+using melvo::bench::secondsSince;
 
 constexpr int rate = 48000;
 constexpr int seconds = 180;
@@ -181,16 +185,6 @@ double largestDifference(const fs::path& a, const fs::path& b) {
   if (fa) sf_close(fa);
   if (fb) sf_close(fb);
   return worst;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const std::size_t h = v.size() / 2;
-  return v.empty() ? 0 : v.size() % 2 ? v[h] : (v[h - 1] + v[h]) / 2;
-}
-
-double secondsSince(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
 void BM_MixFourVoices(benchmark::State& state, Faders faders, bool expectScaled) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
@@ -27,6 +28,9 @@ namespace fs = std::filesystem;
 using namespace melvo;
 
 namespace {
+
+using melvo::bench::median;
+using melvo::bench::secondsSince;
 
 constexpr int noteCount = 2000;
 constexpr double bpm = 160;
@@ -81,16 +85,6 @@ struct Fixture {
 Fixture& fixture() {
   static Fixture f;
   return f;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const std::size_t h = v.size() / 2;
-  return v.empty() ? 0 : v.size() % 2 ? v[h] : (v[h - 1] + v[h]) / 2;
-}
-
-double secondsSince(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
 // One render through the synthesizer, in seconds: the whole of it, the mix at its end, and
