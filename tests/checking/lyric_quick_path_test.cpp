@@ -210,43 +210,6 @@ TEST(PlainKanaSummary, EachFieldIsWhatItsOwnRuleSays) {
   EXPECT_GT(summarized, 36000u);
 }
 
-// The facts of every note, as the rules computed them one function at a time.
-LyricFacts factsOneByOne(std::string_view lyric) {
-  LyricFacts f;
-  f.emptyTrimmed = text::trimWhitespaceAndNewlines(lyric).empty();
-  bool allKana = true;
-  bool sustain = false;
-  for (char32_t c : text::toScalars(lyric)) {
-    ++f.scalars;
-    allKana = allKana && inKanaRange(c);
-    sustain = sustain || c == U'ー' || c == U'っ' || c == U'ッ';
-  }
-  f.allKana = allKana && f.scalars > 0;
-  f.reading = readingState(lyric).kind;
-  if (sustain) {
-    f.onlyChouon = isOnlyChouon(lyric);
-    f.onlySokuon = isOnlySokuon(lyric);
-    f.startsWithSustain = startsWithSustain(lyric);
-  }
-  if (f.scalars >= 5 || f.onlyChouon) f.phonemes = countPhonemes(lyric);
-  return f;
-}
-
-TEST(NoteFacts, MatchTheRulesOneByOne) {
-  for (const auto& l : sampleLyrics()) {
-    const LyricFacts quick = lyricFacts(l);
-    const LyricFacts slow = factsOneByOne(l);
-    ASSERT_EQ(quick.reading, slow.reading) << l;
-    ASSERT_EQ(quick.emptyTrimmed, slow.emptyTrimmed) << l;
-    ASSERT_EQ(quick.allKana, slow.allKana) << l;
-    ASSERT_EQ(quick.onlyChouon, slow.onlyChouon) << l;
-    ASSERT_EQ(quick.onlySokuon, slow.onlySokuon) << l;
-    ASSERT_EQ(quick.startsWithSustain, slow.startsWithSustain) << l;
-    ASSERT_EQ(quick.phonemes, slow.phonemes) << l;
-    ASSERT_EQ(quick.scalars, slow.scalars) << l;
-  }
-}
-
 // The syllable count that spares building the pieces agrees with the pieces.
 TEST(SyllableCount, AgreesWithTheSyllables) {
   for (const auto& l : sampleLyrics()) {

@@ -62,16 +62,9 @@ TEST(GateReading, PhonemesEmptyLyricsAndChords) {
   EXPECT_EQ(chord[1], std::nullopt);
 }
 
-// The gate reads the same line the score writer writes.
-TEST(GateReading, LineMatchesTheWriter) {
-  std::mt19937 random(3);
-  std::vector<NoteEvent> notes;
-  for (int i = 0; i < 300; ++i)
-    notes.push_back(
-        note(random() % 4000, 1 + random() % 400, random() % 3 ? "か" : "", 60 + random() % 5));
-  NoteList list(notes);
-  TrackLine line = TrackLine::of(list, 480);
-  auto written = MusicXMLExporter::normalizedNotes(list, 480);
+// The notes a line sings are the writer's notes, in its order and with its ends.
+void expectSungAsWritten(const TrackLine& line, const NoteList& list) {
+  const auto written = MusicXMLExporter::normalizedNotes(list, 480);
   std::size_t k = 0;
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     if (!line.sung[i]) continue;
@@ -81,6 +74,18 @@ TEST(GateReading, LineMatchesTheWriter) {
     ++k;
   }
   EXPECT_EQ(k, written.size());
+}
+
+// The gate reads the same line the score writer writes.
+TEST(GateReading, LineMatchesTheWriter) {
+  std::mt19937 random(3);
+  std::vector<NoteEvent> notes;
+  for (int i = 0; i < 300; ++i)
+    notes.push_back(
+        note(random() % 4000, 1 + random() % 400, random() % 3 ? "か" : "", 60 + random() % 5));
+  NoteList list(notes);
+  TrackLine line = TrackLine::of(list, 480);
+  expectSungAsWritten(line, list);
 }
 
 // Songs stored in time order take a walk of their own: chords there must still come out in the
@@ -99,19 +104,12 @@ TEST(GateReading, LineInStoredTimeOrderMatchesTheWriter) {
   }
   NoteList list(notes);
   TrackLine line = TrackLine::of(list, 480);
-  auto written = MusicXMLExporter::normalizedNotes(list, 480);
   ASSERT_EQ(line.ticks.size(), line.notes.size());
-  std::size_t k = 0;
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     EXPECT_EQ(line.ticks[i], line.notes[i]->tick);
     EXPECT_EQ(&list[line.storedIndex[i]], line.notes[i]);
-    if (!line.sung[i]) continue;
-    ASSERT_LT(k, written.size());
-    EXPECT_EQ(line.notes[i]->id, written[k].id);
-    EXPECT_EQ(line.ends[i], written[k].endTick());
-    ++k;
   }
-  EXPECT_EQ(k, written.size());
+  expectSungAsWritten(line, list);
 
   // The same notes with one stored out of place take the general sort and give the same line.
   std::vector<NoteEvent> moved = notes;

@@ -521,8 +521,7 @@ void AppState::remixVoices() {
     if (it == trackVoiceWAVs_.end()) continue;
     paths.emplace_back(it->second);
     gains.push_back(MultiTrackSynthesizer::mixGain(d, static_cast<int>(i)));
-    const double pan = d.tracks[i].pan;
-    pans.push_back(std::isfinite(pan) ? static_cast<float>(std::clamp(pan, -1.0, 1.0)) : 0.0f);
+    pans.push_back(MultiTrackSynthesizer::mixPan(d.tracks[i].pan));
   }
   const std::uint64_t seq = ++voiceRemixSeq_;
   const fs::path out = fs::path(*voiceRemixDir_) / ("mix_live_" + std::to_string(seq) + ".wav");

@@ -29,16 +29,8 @@ CleanupPolicyStore::CleanupPolicyStore(Preferences& preferences) : preferences_(
   reload();
 }
 
-const char* CleanupPolicyStore::preferenceKey(AmbiguousPattern pattern) {
-  switch (pattern) {
-    case AmbiguousPattern::invalidYouon:
-      return "melvo.cleanupDecision.invalidYouon";
-    case AmbiguousPattern::tieLyricDup:
-      return "melvo.cleanupDecision.tieLyricDup";
-    case AmbiguousPattern::ghostVelocity:
-      return "melvo.cleanupDecision.ghostVelocity";
-  }
-  return "";
+std::string CleanupPolicyStore::preferenceKey(AmbiguousPattern pattern) {
+  return std::string("melvo.cleanupDecision.") + propertyName(pattern);
 }
 
 const char* CleanupPolicyStore::decisionName(CleanupDecision decision) {

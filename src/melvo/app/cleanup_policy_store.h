@@ -3,6 +3,8 @@
 // next session and `melvo fix` all see it; a missing or unknown stored value means "ask".
 #pragma once
 
+#include <string>
+
 #include <string_view>
 
 #include "melvo/app/preferences.h"
@@ -18,7 +20,7 @@ class CleanupPolicyStore : public Observable {
 
   // Preference keys ("melvo.cleanupDecision.invalidYouon", ...) and the stored names of the
   // decisions ("ask", "autoFix", "autoSkip").
-  static const char* preferenceKey(AmbiguousPattern pattern);
+  static std::string preferenceKey(AmbiguousPattern pattern);
   static const char* decisionName(CleanupDecision decision);
 
   CleanupDecision invalidYouon() const { return _invalidYouon; }

@@ -152,6 +152,10 @@ float MultiTrackSynthesizer::mixGain(const MusicDocument& document, int trackInd
   return static_cast<float>(std::min(track.volume, 1.5));
 }
 
+float MultiTrackSynthesizer::mixPan(double pan) {
+  return std::isfinite(pan) ? static_cast<float>(std::clamp(pan, -1.0, 1.0)) : 0.0f;
+}
+
 void MultiTrackSynthesizer::render(const MusicDocument& document, const fs::path& runDir,
                                    const NEUTRINOConfig& config, std::vector<int> trackIndices,
                                    ProgressHandler onProgress, LogHandler onLog,
@@ -242,8 +246,7 @@ void MultiTrackSynthesizer::mixAll(std::shared_ptr<Run> run) {
   for (const auto& p : run->plans) {
     paths.push_back(p.wavPath);
     gains.push_back(mixGain(run->document, p.trackIndex));
-    // A NaN pan would turn the whole mix into NaN.
-    pans.push_back(std::isfinite(p.pan) ? static_cast<float>(std::clamp(p.pan, -1.0, 1.0)) : 0.0f);
+    pans.push_back(mixPan(p.pan));
   }
   const fs::path out = run->runDir / "mix.wav";
   MixRecipe recipe;

@@ -91,6 +91,9 @@ class MultiTrackSynthesizer {
   static double overallProgress(std::size_t i, std::size_t n, double percentage);
   // The mixer's gain of a track: 0 when silenced or out of range, else its volume in 0..1.5.
   static float mixGain(const MusicDocument& document, int trackIndex);
+  // The mixer's pan in -1..1; a pan that is not a number (it would turn the whole mix into
+  // NaN) is centre.
+  static float mixPan(double pan);
 
   // Renders `trackIndices` (the audible singable tracks when empty) into `runDir`, which is
   // made with its parents. `config` gives the engine; each track sings with its own voice.
