@@ -1,0 +1,92 @@
+// Saves that go where the user's link points, and that leave no debris of writers that died.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "melvo/platform/atomic_file.h"
+#include "support/test_support.h"
+
+namespace melvo {
+namespace {
+namespace fs = std::filesystem;
+
+std::vector<std::string> namesIn(const fs::path& dir) {
+  std::vector<std::string> out;
+  for (const auto& e : fs::directory_iterator(dir)) out.push_back(e.path().filename().string());
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST(AtomicFile, WritesThroughAChainOfSymlinksToTheRealFile) {
+  test::TempDir dir;
+  fs::create_directories(dir / "real");
+  const fs::path real = dir / "real" / "song.nsproj";
+  writeFileAtomically(real, "old");
+  fs::create_symlink("real/song.nsproj", dir / "hop.nsproj");  // relative to its folder
+  fs::create_directories(dir / "desk");
+  fs::create_symlink(dir / "hop.nsproj", dir / "desk" / "song.nsproj");
+
+  writeFileAtomically(dir / "desk" / "song.nsproj", "new");
+  EXPECT_TRUE(fs::is_symlink(dir / "desk" / "song.nsproj"));
+  EXPECT_TRUE(fs::is_symlink(dir / "hop.nsproj"));
+  EXPECT_EQ(readFile(real), "new");
+  EXPECT_EQ(namesIn(dir / "real"), std::vector<std::string>{"song.nsproj"});
+
+  // A dangling link gets its target made.
+  fs::create_symlink("real/later.nsproj", dir / "later.nsproj");
+  writeFileAtomically(dir / "later.nsproj", "made");
+  EXPECT_TRUE(fs::is_symlink(dir / "later.nsproj"));
+  EXPECT_EQ(readFile(dir / "real" / "later.nsproj"), "made");
+}
+
+TEST(AtomicFile, TheNextSaveRemovesTemporariesOfDeadWritersOnly) {
+  test::TempDir dir;
+  const fs::path target = dir / "song.nsproj";
+  writeFileAtomically(target, "v1");
+  // A pid that surely runs no writer: a child that has been reaped.
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  waitpid(dead, nullptr, 0);
+  const std::string deadTemp = ".song.nsproj.tmp-" + std::to_string(dead) + "-42";
+  const std::string liveTemp = ".song.nsproj.tmp-1-7";  // init never dies
+  const std::string otherFile = ".other.nsproj.tmp-" + std::to_string(dead) + "-1";
+  for (const auto& n : {deadTemp, liveTemp, otherFile}) test::writeText(dir / n, "partial");
+
+  writeFileAtomically(target, "v2");
+  EXPECT_EQ(readFile(target), "v2");
+  EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{otherFile, liveTemp, "song.nsproj"}));
+}
+
+TEST(FileLock, HoldersTakeTurns) {
+  test::TempDir dir;
+  const fs::path lock = dir / "x.lock";
+  const fs::path counter = dir / "count";
+  test::writeText(counter, "0");
+  // Four processes each add 25 to a number in a file by read, change, write.
+  std::vector<pid_t> kids;
+  for (int k = 0; k < 4; ++k) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      for (int i = 0; i < 25; ++i) {
+        FileLock held(lock);
+        const int n = std::stoi(readFile(counter));
+        std::this_thread::yield();
+        writeFileAtomically(counter, std::to_string(n + 1));
+      }
+      _exit(0);
+    }
+    kids.push_back(pid);
+  }
+  for (pid_t pid : kids) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  EXPECT_EQ(readFile(counter), "100");
+}
+
+}  // namespace
+}  // namespace melvo
