@@ -54,6 +54,20 @@ TEST_F(ProjectCommands, ReadingFaultsAreNamedAndABomIsFine) {
   EXPECT_FALSE(std::filesystem::exists(files / "h.musicxml"));
 }
 
+// A project kept elsewhere and linked from a working folder: the save lands in the real file
+// and the link stays a link.
+TEST_F(ProjectCommands, ConvertOntoASymlinkedProjectWritesItsTarget) {
+  std::filesystem::create_directories(files / "store");
+  writeProject(test::songNamed("old"), files / "store" / "real.nsproj");
+  std::filesystem::create_symlink(files / "store" / "real.nsproj", files / "link.nsproj");
+  writeProject(test::songNamed("new"), files / "new.nsproj");
+  auto r = test::runMelvo(
+      {"convert", (files / "new.nsproj").string(), (files / "link.nsproj").string()}, en);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(std::filesystem::is_symlink(files / "link.nsproj"));
+  EXPECT_EQ(readProject(files / "store" / "real.nsproj").title, "new");
+}
+
 TEST_F(ProjectCommands, LengthsRoundIntoTheNextMinute) {
   // 120 bpm at 480 ppq: 59.97 s is 57571 ticks and a little.
   MusicDocument d = test::songNamed("long", 0);

@@ -456,8 +456,11 @@ RecentProjectSummary readRecentSummary(const std::filesystem::path& path) {
   std::optional<std::vector<Head>> tracks;
   try {
     simdjson::padded_string json = simdjson::padded_string::load(path.string());
+    simdjson::padded_string_view view(json);
+    if (view.size() >= 3 && std::string_view(view.data(), 3) == "\xEF\xBB\xBF")
+      view = simdjson::padded_string_view(view.data() + 3, view.size() - 3, view.capacity() - 3);
     simdjson::ondemand::parser parser;
-    simdjson::ondemand::document doc = parser.iterate(json);
+    simdjson::ondemand::document doc = parser.iterate(view);
     for (auto field : doc.get_object()) {
       std::string_view key = field.unescaped_key().value();
       if (key != "tracks") continue;
