@@ -174,6 +174,13 @@ TEST(Recovery, ACrashCopyIsOfferedWithTheSameDateInEveryTimeZone) {
   EXPECT_EQ(utc.asArray()[0].find("date")->asDouble(), tokyo.asArray()[0].find("date")->asDouble());
   EXPECT_EQ(utc.asArray()[0].find("date")->asDouble(),
             honolulu.asArray()[0].find("date")->asDouble());
+
+  // Taken back into a file: no longer offered.
+  auto r = test::runMelvo({"snapshots", "restore", utc.asArray()[0].find("path")->asString(),
+                           (files / "back.nsproj").string()});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readProject(files / "back.nsproj").title, "written in UTC");
+  EXPECT_EQ(listed().size(), 0u);
 }
 
 // Discarding is for copies only, and it dismisses the run that died, not one copy at a time.

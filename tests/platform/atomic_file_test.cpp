@@ -1,5 +1,7 @@
 // Saves that go where the user's link points, and that leave no debris of writers that died.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +60,41 @@ TEST(AtomicFile, TheNextSaveRemovesTemporariesOfDeadWritersOnly) {
   writeFileAtomically(target, "v2");
   EXPECT_EQ(readFile(target), "v2");
   EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{otherFile, liveTemp, "song.nsproj"}));
+}
+
+int openDescriptors() {
+  int n = 0;
+  for ([[maybe_unused]] const auto& e : fs::directory_iterator("/proc/self/fd")) ++n;
+  return n;
+}
+
+// A write that the system refuses half-way (here the file size limit) costs no descriptor and
+// leaves the old file alone, with nothing beside it.
+TEST(AtomicFile, AFailedWriteLeaksNothing) {
+  test::TempDir dir;
+  const fs::path target = dir / "song.nsproj";
+  writeFileAtomically(target, "old");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const int before = openDescriptors();
+    int failures = 0;
+    for (int i = 0; i < 3; ++i) {
+      try {
+        writeFileAtomically(target, std::string(1 << 20, 'x'));
+      } catch (const FileError&) {
+        ++failures;
+      }
+    }
+    _exit(failures == 3 && openDescriptors() == before ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(readFile(target), "old");
+  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"song.nsproj"});
 }
 
 TEST(FileLock, HoldersTakeTurns) {
