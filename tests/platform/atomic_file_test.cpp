@@ -5,8 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <thread>
+#include <string>
+#include <vector>
 
 #include "melvo/platform/atomic_file.h"
 #include "support/test_support.h"
@@ -95,34 +97,6 @@ TEST(AtomicFile, AFailedWriteLeaksNothing) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_EQ(readFile(target), "old");
   EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"song.nsproj"});
-}
-
-TEST(FileLock, HoldersTakeTurns) {
-  test::TempDir dir;
-  const fs::path lock = dir / "x.lock";
-  const fs::path counter = dir / "count";
-  test::writeText(counter, "0");
-  // Four processes each add 25 to a number in a file by read, change, write.
-  std::vector<pid_t> kids;
-  for (int k = 0; k < 4; ++k) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      for (int i = 0; i < 25; ++i) {
-        FileLock held(lock);
-        const int n = std::stoi(readFile(counter));
-        std::this_thread::yield();
-        writeFileAtomically(counter, std::to_string(n + 1));
-      }
-      _exit(0);
-    }
-    kids.push_back(pid);
-  }
-  for (pid_t pid : kids) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
-  EXPECT_EQ(readFile(counter), "100");
 }
 
 }  // namespace
