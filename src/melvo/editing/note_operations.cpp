@@ -306,6 +306,10 @@ bool PianoRollViewModel::mergeNotes() {
   return true;
 }
 
+const char* PianoRollViewModel::mergeMenuLabel() {
+  return tr("合成 / スラー化  ⌘M");
+}
+
 // ---- Delete, clipboard ----
 
 bool PianoRollViewModel::deleteNotes() {

@@ -155,6 +155,7 @@ class PianoRollViewModel : public Observable {
   // Selected neighbours: one of the same pitch become one note, one of another pitch is
   // slurred to the next.
   bool mergeNotes();
+  static const char* mergeMenuLabel();  // "合成 / スラー化  ⌘M"
   bool deleteNotes();
   // Copies the selection, sorted by tick, into `_clipboard`; the number copied. Not a commit.
   std::size_t copySelected();
