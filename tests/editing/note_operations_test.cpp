@@ -258,6 +258,8 @@ TEST_F(Editing, CutCopyAndPasteKeepOrderGiveNewIdsAndSelectThePaste) {
   EXPECT_EQ(pasted[0].tick, 4800);
   EXPECT_EQ(pasted[1].tick, 4800 + 960);
   EXPECT_NE(pasted[0].id, ids[0]);
+  EXPECT_NE(pasted[0].id, pasted[1].id);
+  EXPECT_EQ(pasted[1].id.toString()[14], '4');  // random ids of version 4
   EXPECT_EQ(pasted[0].velocity, 90);
 }
 

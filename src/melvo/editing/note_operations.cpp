@@ -1,5 +1,7 @@
 // The note editing operations of the editor model. Each is one commit: it decides first
 // whether anything would change, so that a click that does nothing leaves no undo step.
+#include <sys/random.h>
+
 #include <algorithm>
 #include <numeric>
 #include <unordered_set>
@@ -8,6 +10,7 @@
 #include "melvo/checking/suggestion_applier.h"
 #include "melvo/editing/bulk_lyrics.h"
 #include "melvo/editing/note_clipboard.h"
+#include "melvo/editing/note_id_set.h"
 #include "melvo/editing/piano_roll_view_model.h"
 #include "melvo/platform/i18n.h"
 
@@ -56,6 +59,39 @@ std::pair<std::string, std::string> splitLyric(const std::string& lyric) {
   return {lyric, "ー"};
 }
 
+// Fresh random (version 4) ids for a paste. One id at a time costs the random library several
+// system calls; a paste of thousands of notes takes all of its bytes in one read.
+std::vector<Uuid> freshIDs(std::size_t count) {
+  std::vector<Uuid> ids;
+  ids.reserve(count);
+  std::vector<unsigned char> bytes(count * 16);
+  std::size_t got = 0;
+  while (got < bytes.size()) {
+    const ssize_t n = getrandom(bytes.data() + got, bytes.size() - got, 0);
+    if (n <= 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  if (got < bytes.size()) {
+    for (std::size_t i = 0; i < count; ++i) ids.push_back(Uuid::random());
+    return ids;
+  }
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  char text[36];
+  for (std::size_t i = 0; i < count; ++i) {
+    unsigned char* b = bytes.data() + i * 16;
+    b[6] = static_cast<unsigned char>((b[6] & 0x0F) | 0x40);
+    b[8] = static_cast<unsigned char>((b[8] & 0x3F) | 0x80);
+    std::size_t k = 0;
+    for (std::size_t j = 0; j < 16; ++j) {
+      if (j == 4 || j == 6 || j == 8 || j == 10) text[k++] = '-';
+      text[k++] = kHex[b[j] >> 4];
+      text[k++] = kHex[b[j] & 0x0F];
+    }
+    ids.push_back(*Uuid::parse(std::string_view(text, sizeof text)));
+  }
+  return ids;
+}
+
 template <typename Events>
 void shiftEvents(Events& events, std::int64_t atTick, std::int64_t ticks) {
   for (auto& e : events)
@@ -91,9 +127,9 @@ std::vector<std::size_t> PianoRollViewModel::selectedPositions() const {
   std::vector<std::size_t> out;
   const MusicTrack* track = currentTrack();
   if (!track || _selectedNoteIDs.empty()) return out;
-  const std::unordered_set<Uuid> wanted(_selectedNoteIDs.begin(), _selectedNoteIDs.end());
+  const NoteIDSet wanted(_selectedNoteIDs);
   for (auto it = track->notes.begin(); it != track->notes.end(); ++it)
-    if (wanted.count(it->id)) out.push_back(it.index());
+    if (wanted.contains(it->id)) out.push_back(it.index());
   return out;
 }
 
@@ -108,11 +144,12 @@ std::vector<NoteEvent> PianoRollViewModel::selectedNotes() const {
 }
 
 bool PianoRollViewModel::editSelected(const std::string& label,
+                                      const std::vector<std::size_t>& positions,
                                       const std::function<void(NoteEvent&)>& edit) {
   const MusicTrack* track = currentTrack();
   if (!track) return false;
   std::vector<std::pair<std::size_t, NoteEvent>> changed;
-  for (std::size_t i : selectedPositions()) {
+  for (std::size_t i : positions) {
     NoteEvent n = track->notes[i];
     edit(n);
     if (!(n == track->notes[i])) changed.emplace_back(i, std::move(n));
@@ -186,7 +223,7 @@ bool PianoRollViewModel::moveNotes(std::int64_t deltaTick, int deltaPitch) {
   const int dp = std::clamp(deltaPitch, -minPitch, 127 - maxPitch);
   const bool snap = deltaPitch != 0 && _scaleAssist.mode == ScaleAssistMode::lock;
   const ScaleAssist assist = _scaleAssist;
-  return editSelected(tr("音符を動かす"), [&](NoteEvent& n) {
+  return editSelected(tr("音符を動かす"), positions, [&](NoteEvent& n) {
     n.tick += dt;
     n.pitch += dp;
     if (snap) n.pitch = snapped(n.pitch, assist);
@@ -195,7 +232,7 @@ bool PianoRollViewModel::moveNotes(std::int64_t deltaTick, int deltaPitch) {
 
 bool PianoRollViewModel::resizeNotes(std::int64_t deltaTick) {
   if (deltaTick == 0) return false;
-  return editSelected(tr("音符の長さを変更"), [&](NoteEvent& n) {
+  return editSelected(tr("音符の長さを変更"), selectedPositions(), [&](NoteEvent& n) {
     n.duration = std::clamp<std::int64_t>(addTicks(n.duration, deltaTick), 1, maxTick);
   });
 }
@@ -203,7 +240,7 @@ bool PianoRollViewModel::resizeNotes(std::int64_t deltaTick) {
 bool PianoRollViewModel::setLengthFromMenu(QuantizeValue value) {
   const std::int64_t length =
       std::clamp<std::int64_t>(quantizeTicks(value, _document.ppq), 1, maxTick);
-  return editSelected(editLabel(), [&](NoteEvent& n) { n.duration = length; });
+  return editSelected(editLabel(), selectedPositions(), [&](NoteEvent& n) { n.duration = length; });
 }
 
 // ---- Split and merge ----
@@ -255,7 +292,7 @@ std::optional<Uuid> PianoRollViewModel::splitNote(const Uuid& id, std::int64_t t
 bool PianoRollViewModel::mergeNotes() {
   const MusicTrack* track = currentTrack();
   if (!track) return false;
-  const std::unordered_set<Uuid> wanted(_selectedNoteIDs.begin(), _selectedNoteIDs.end());
+  const NoteIDSet wanted(_selectedNoteIDs);
   const std::vector<std::size_t> order = tickOrder(track->notes);
 
   // Walk the track in tick order; `keep` is the note the next same-pitch neighbour joins.
@@ -268,7 +305,7 @@ bool PianoRollViewModel::mergeNotes() {
   };
   for (std::size_t k = 0; k < order.size(); ++k) {
     const NoteEvent& n = track->notes[order[k]];
-    if (!wanted.count(n.id)) {
+    if (!wanted.contains(n.id)) {
       flush();
       continue;
     }
@@ -315,11 +352,11 @@ const char* PianoRollViewModel::mergeMenuLabel() {
 bool PianoRollViewModel::deleteNotes() {
   if (selectedPositions().empty()) return false;
   const auto index = static_cast<std::size_t>(_currentTrackIndex);
-  const std::unordered_set<Uuid> wanted(_selectedNoteIDs.begin(), _selectedNoteIDs.end());
+  const NoteIDSet wanted(_selectedNoteIDs);
   std::set<Uuid> gone;
   commit(editLabel(), [&](MusicDocument& d) {
     d.tracks[index].notes.removeIf([&](const NoteEvent& n) {
-      if (!wanted.count(n.id)) return false;
+      if (!wanted.contains(n.id)) return false;
       gone.insert(n.id);
       return true;
     });
@@ -349,10 +386,11 @@ bool PianoRollViewModel::pasteNotes(std::int64_t tick) {
   const std::int64_t delta = clampTick(tick) - first;
   std::vector<NoteEvent> pasted;
   pasted.reserve(_clipboard.size());
+  std::vector<Uuid> fresh = freshIDs(_clipboard.size());
   std::set<Uuid> ids;
   for (const auto& n : _clipboard) {
     NoteEvent c = n;
-    c.id = Uuid::random();
+    c.id = fresh[pasted.size()];
     c.tick = clampTick(addTicks(n.tick, delta));
     ids.insert(ids.end(), c.id);
     pasted.push_back(std::move(c));
@@ -387,14 +425,14 @@ std::string PianoRollViewModel::clipboardLyricsText() const {
 
 bool PianoRollViewModel::transpose(int semitones) {
   if (semitones == 0) return false;
-  return editSelected(editLabel(), [&](NoteEvent& n) {
+  return editSelected(editLabel(), selectedPositions(), [&](NoteEvent& n) {
     n.pitch = static_cast<int>(std::clamp<std::int64_t>(std::int64_t{n.pitch} + semitones, 0, 127));
   });
 }
 
 bool PianoRollViewModel::setVelocity(int value) {
   const int v = std::clamp(value, 1, 127);
-  return editSelected(editLabel(), [&](NoteEvent& n) { n.velocity = v; });
+  return editSelected(editLabel(), selectedPositions(), [&](NoteEvent& n) { n.velocity = v; });
 }
 
 bool PianoRollViewModel::setLyric(const Uuid& id, std::string text) {
@@ -451,7 +489,8 @@ bool PianoRollViewModel::toggleBreath() {
   if (notes.empty()) return false;
   const bool allBreathe =
       std::all_of(notes.begin(), notes.end(), [](const NoteEvent& n) { return n.hasBreathAfter; });
-  return editSelected(editLabel(), [&](NoteEvent& n) { n.hasBreathAfter = !allBreathe; });
+  return editSelected(editLabel(), selectedPositions(),
+                      [&](NoteEvent& n) { n.hasBreathAfter = !allBreathe; });
 }
 
 const char* PianoRollViewModel::breathMenuLabel() const {

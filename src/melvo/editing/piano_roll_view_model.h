@@ -270,8 +270,10 @@ class PianoRollViewModel : public Observable {
   const MusicTrack* currentTrack() const;
   // Positions of the selected notes in the current track, in list order.
   std::vector<std::size_t> selectedPositions() const;
-  // Runs `edit` on a copy of each selected note and commits the notes it changed.
-  bool editSelected(const std::string& label, const std::function<void(NoteEvent&)>& edit);
+  // Runs `edit` on a copy of the notes at `positions` of the current track and commits the
+  // notes it changed.
+  bool editSelected(const std::string& label, const std::vector<std::size_t>& positions,
+                    const std::function<void(NoteEvent&)>& edit);
   // Applies `change` to a copy and commits it only when the song differs.
   bool commitIfChanged(const std::string& label, const std::function<void(MusicDocument&)>& change);
   void performHistory(std::deque<UndoEntry>& from, std::deque<UndoEntry>& to);
