@@ -116,6 +116,10 @@ std::string helpFooter() {
   }
   out +=
       tr("音の高さは 60 のような番号か C4・F#3 のような名前。音符の番号は今のトラックの tick 順。");
+  std::string scales;
+  for (int i = 0; i < kScaleTypeCount; ++i)
+    scales += std::string(i ? " " : "") + std::string(scaleRawValue(scaleTypeAt(i)));
+  out += '\n' + trf("スケール: %@", {scales});
   return out;
 }
 

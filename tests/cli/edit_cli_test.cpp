@@ -133,7 +133,8 @@ TEST_F(EditCli, HelpListsEveryOperationWithItsArguments) {
                          "insert-time TICK TICKS",
                          "delete-time TICK TICKS",
                          "scale MODE",
-                         "grid VALUE"})
+                         "grid VALUE",
+                         "japanese-yonanuki"})
     EXPECT_NE(r.out.find(op), std::string::npos) << op;
 }
 
