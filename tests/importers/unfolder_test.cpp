@@ -231,3 +231,26 @@ TEST(Unfolder, WordsAreReadInTheirUsualSpellings) {
 
 }  // namespace
 }  // namespace melvo
+
+namespace melvo {
+namespace {
+
+// Damaged files full of tags that never close: every pass must stay one sweep over the text
+// (a search restarted at each tag would not finish here).
+TEST(RawPasses, UnclosedTagsDoNotMakeAnyPassQuadratic) {
+  std::string run;
+  for (int i = 0; i < 100000; ++i) run += "<measure <r <duration <part ";
+  const std::string text =
+      "<score-partwise><part id=\"P1\"><measure number=\"1\"><repeat "
+      "direction=\"backward\"/></measure>" +
+      run + "<measure/></part></score-partwise>";
+  auto r = MusicXMLUnfolder::unfold(text);
+  EXPECT_EQ(r.stats.measuresOriginal, 2);
+  EXPECT_EQ(MusicXMLUnfolder::readMeasure("<measure>" + run + "</measure>").hasFlowMark(), false);
+  EXPECT_EQ(fractionalUnitScale(run + "> .5<"), 10);
+  EXPECT_NE(partwiseText("<score-timewise>" + run + "<measure/>").find("<score-partwise"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace melvo

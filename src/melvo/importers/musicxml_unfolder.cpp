@@ -176,14 +176,17 @@ Unfolder::MeasureInfo Unfolder::readMeasure(std::string_view s) {
   MeasureInfo info;
   // The opening tag itself is no mark; start after it.
   std::size_t i = s.find('>');
+  std::size_t nextGt = i;
   for (i = s.find('<', i == std::string_view::npos ? 0 : i); i != std::string_view::npos;
        i = s.find('<', i + 1)) {
     if (i + 1 >= s.size()) break;
     const std::size_t at = i + 1;
     const char c = s[at];
     if (c != 'r' && c != 'e' && c != 's' && c != 'c' && c != 'w') continue;
-    std::size_t gt = s.find('>', at);
-    if (gt == std::string_view::npos) gt = s.size();
+    // The next '>' is found once per stretch, not once per '<': a run of '<' without any '>'
+    // must not make the scan quadratic.
+    if (nextGt != std::string_view::npos && nextGt < at) nextGt = s.find('>', at);
+    const std::size_t gt = nextGt == std::string_view::npos ? s.size() : nextGt;
     const std::string_view tag = s.substr(i, gt - i);
     if (nameAt(s, at, "repeat")) {
       auto direction = attribute(tag, "direction");
@@ -337,9 +340,9 @@ Unfolder::Result Unfolder::unfold(std::string_view text) {
   static const PcrePattern partPattern("<part(?=[\\s>])[^>]*>[\\s\\S]*?</part>");
   static const PcrePattern measurePattern("<measure(?=[\\s/>])[^>]*?(?:/>|>[\\s\\S]*?</measure>)");
   std::vector<PartSpans> parts;
-  partPattern.forEach(text, [&](const PcrePattern::Match& p) {
+  forEachElement(partPattern, "part", false, text, [&](const PcrePattern::Match& p) {
     PartSpans spans{{p.begin, p.end}, {}};
-    measurePattern.forEach(p.groups[0], [&](const PcrePattern::Match& m) {
+    forEachElement(measurePattern, "measure", true, p.groups[0], [&](const PcrePattern::Match& m) {
       spans.measures.push_back({p.begin + m.begin, p.begin + m.end});
       return true;
     });

@@ -191,12 +191,12 @@ std::string partwiseText(std::string_view text) {
   std::unordered_map<std::string, std::size_t> partById;
   std::size_t firstMeasure = std::string_view::npos, afterLast = 0;
 
-  measurePattern.forEach(text, [&](const PcrePattern::Match& m) {
+  forEachElement(measurePattern, "measure", true, text, [&](const PcrePattern::Match& m) {
     if (firstMeasure == std::string_view::npos) firstMeasure = m.begin;
     afterLast = m.end;
     const std::size_t index = measureAttributes.size();
     measureAttributes.push_back(m.groups[1]);
-    partPattern.forEach(m.groups[2], [&](const PcrePattern::Match& p) {
+    forEachElement(partPattern, "part", true, m.groups[2], [&](const PcrePattern::Match& p) {
       PcrePattern::Match id;
       std::string key;
       if (idPattern.find(p.groups[1], id))
@@ -249,21 +249,74 @@ std::string partwiseText(std::string_view text) {
   return out;
 }
 
+namespace {
+
+bool isXmlSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
+
+// "[-+]?[0-9]*\.[0-9]+" at `at`: its length, or 0.
+std::size_t decimalAt(std::string_view s, std::size_t at) {
+  std::size_t i = at;
+  if (i < s.size() && (s[i] == '-' || s[i] == '+')) ++i;
+  while (i < s.size() && s[i] >= '0' && s[i] <= '9') ++i;
+  if (i >= s.size() || s[i] != '.') return 0;
+  const std::size_t fraction = ++i;
+  while (i < s.size() && s[i] >= '0' && s[i] <= '9') ++i;
+  return i > fraction ? i - at : 0;
+}
+
+std::size_t skipSpace(std::string_view s, std::size_t i) {
+  while (i < s.size() && isXmlSpace(s[i])) ++i;
+  return i;
+}
+
+double decimalValue(std::string_view number) {
+  if (!number.empty() && number[0] == '+') number.remove_prefix(1);
+  // from_chars, not strtod: the user's locale must not change what a point means.
+  double value = 0;
+  std::from_chars(number.data(), number.data() + number.size(), value);
+  return value;
+}
+
+}  // namespace
+
+// The numbers are those of
+// "<(duration|divisions|offset)(?=[\s>])[^>]*>\s*([-+]?[0-9]*\.[0-9]+)\s*<" and
+// "make-time\s*=\s*["']\s*([-+]?[0-9]*\.[0-9]+)", found by hand: with a regular expression a long
+// stretch of such tags without a '>' is searched again from every one of them.
 int fractionalUnitScale(std::string_view text) {
   if (text.find('.') == std::string_view::npos) return 1;
-  static const PcrePattern numbers(
-      "<(duration|divisions|offset)(?=[\\s>])[^>]*>\\s*([-+]?[0-9]*\\.[0-9]+)\\s*<"
-      "|make-time\\s*=\\s*[\"']\\s*([-+]?[0-9]*\\.[0-9]+)");
   std::vector<double> values;
-  numbers.forEach(text, [&](const PcrePattern::Match& m) {
-    std::string_view number = m.has(2) ? m.groups[2] : m.groups[3];
-    if (!number.empty() && number[0] == '+') number.remove_prefix(1);
-    // from_chars, not strtod: the user's locale must not change what a point means.
-    double value = 0;
-    std::from_chars(number.data(), number.data() + number.size(), value);
-    values.push_back(value);
-    return true;
-  });
+  std::size_t nextGt = 0;
+  for (std::size_t i = text.find('<'); i != std::string_view::npos; i = text.find('<', i + 1)) {
+    std::size_t nameEnd = 0;
+    for (std::string_view name : {"duration", "divisions", "offset"}) {
+      if (text.compare(i + 1, name.size(), name) == 0) nameEnd = i + 1 + name.size();
+    }
+    if (nameEnd == 0 || nameEnd >= text.size() ||
+        !(isXmlSpace(text[nameEnd]) || text[nameEnd] == '>'))
+      continue;
+    if (nextGt != std::string_view::npos && nextGt < nameEnd) nextGt = text.find('>', nameEnd);
+    if (nextGt == std::string_view::npos) break;
+    const std::size_t at = skipSpace(text, nextGt + 1);
+    const std::size_t length = decimalAt(text, at);
+    if (length == 0) continue;
+    const std::size_t after = skipSpace(text, at + length);
+    if (after < text.size() && text[after] == '<')
+      values.push_back(decimalValue(text.substr(at, length)));
+  }
+  constexpr std::string_view makeTime = "make-time";
+  for (std::size_t i = text.find(makeTime); i != std::string_view::npos;
+       i = text.find(makeTime, i + 1)) {
+    std::size_t at = skipSpace(text, i + makeTime.size());
+    if (at >= text.size() || text[at] != '=') continue;
+    at = skipSpace(text, at + 1);
+    if (at >= text.size() || (text[at] != '"' && text[at] != '\'')) continue;
+    at = skipSpace(text, at + 1);
+    if (const std::size_t length = decimalAt(text, at))
+      values.push_back(decimalValue(text.substr(at, length)));
+  }
   for (int scale : {1, 10, 100, 1000}) {
     bool whole = true;
     for (double v : values) {
