@@ -252,5 +252,16 @@ TEST(RawPasses, UnclosedTagsDoNotMakeAnyPassQuadratic) {
             std::string::npos);
 }
 
+// A measure of many megabytes (long embedded text, a huge part) is one match, however long.
+TEST(RawPasses, AMeasureOfManyMegabytesIsStillOneMeasure) {
+  const std::string filler(12u << 20, ' ');
+  auto u = unfold(score({"<words>" + filler + "</words>", kBackward}));
+  EXPECT_EQ(u.orig, numbers({1, 2, 1, 2}));
+  // Long words are no mark, and never searched as one (the patterns' runs of optional white
+  // space would take ages over them).
+  u = unfold(score({"<words>Coda" + std::string(100000, ' ') + "x</words>", kBackward}));
+  EXPECT_EQ(u.orig, numbers({1, 2, 1, 2}));
+}
+
 }  // namespace
 }  // namespace melvo

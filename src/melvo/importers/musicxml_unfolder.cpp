@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
+#include "melvo/importers/large_buffer.h"
 #include "melvo/importers/musicxml_parse_error.h"
 #include "melvo/importers/pcre_pattern.h"
 
@@ -11,6 +13,8 @@ namespace melvo {
 namespace {
 
 using Unfolder = MusicXMLUnfolder;
+
+constexpr std::size_t kMaxMarkWords = 256;
 
 bool isSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
@@ -164,6 +168,37 @@ void appendCopy(std::string& out, std::string_view measure, int pass, std::size_
   out.append(body.substr(from));
 }
 
+std::size_t findBytes(std::string_view hay, std::string_view needle, std::size_t from) {
+  if (from > hay.size()) return std::string_view::npos;
+  const void* p = memmem(hay.data() + from, hay.size() - from, needle.data(), needle.size());
+  return p ? static_cast<std::size_t>(static_cast<const char*>(p) - hay.data())
+           : std::string_view::npos;
+}
+
+// The parts, as "<part(?=[\s>])[^>]*>[\s\S]*?</part>" finds them, but by hand: a part is
+// megabytes long, and memmem finds its end several times faster than a pattern that walks it
+// character by character.
+std::vector<Span> findParts(std::string_view text) {
+  std::vector<Span> parts;
+  std::size_t at = 0;
+  while ((at = findBytes(text, "<part", at)) != std::string_view::npos) {
+    const std::size_t after = at + 5;
+    if (after >= text.size()) break;
+    if (!isSpace(text[after]) && text[after] != '>') {
+      at = after;
+      continue;
+    }
+    const std::size_t gt = text.find('>', after);
+    if (gt == std::string_view::npos) break;
+    // No closing tag after this start means none after any later start either.
+    const std::size_t close = findBytes(text, "</part>", gt + 1);
+    if (close == std::string_view::npos) break;
+    parts.push_back({at, close + 7});
+    at = close + 7;
+  }
+  return parts;
+}
+
 std::string measureNumber(std::string_view measure) {
   const std::string_view tag = measure.substr(0, measure.find('>'));
   auto number = attribute(tag, "number");
@@ -221,7 +256,10 @@ Unfolder::MeasureInfo Unfolder::readMeasure(std::string_view s) {
       info.coda = true;
     } else if (nameAt(s, at, "words") && gt < s.size() && s[gt - 1] != '/') {
       const std::size_t close = s.find('<', gt + 1);
-      if (close != std::string_view::npos && s.compare(close, 8, "</words>") == 0)
+      // A jump mark is a few words; the patterns, with their runs of optional white space,
+      // are not let loose on pages of text.
+      if (close != std::string_view::npos && s.compare(close, 8, "</words>") == 0 &&
+          close - gt - 1 <= kMaxMarkWords)
         readWords(s.substr(gt + 1, close - gt - 1), info);
     }
   }
@@ -337,18 +375,17 @@ std::vector<std::pair<int, int>> Unfolder::walk(const std::vector<MeasureInfo>& 
 }
 
 Unfolder::Result Unfolder::unfold(std::string_view text) {
-  static const PcrePattern partPattern("<part(?=[\\s>])[^>]*>[\\s\\S]*?</part>");
   static const PcrePattern measurePattern("<measure(?=[\\s/>])[^>]*?(?:/>|>[\\s\\S]*?</measure>)");
   std::vector<PartSpans> parts;
-  forEachElement(partPattern, "part", false, text, [&](const PcrePattern::Match& p) {
-    PartSpans spans{{p.begin, p.end}, {}};
-    forEachElement(measurePattern, "measure", true, p.groups[0], [&](const PcrePattern::Match& m) {
-      spans.measures.push_back({p.begin + m.begin, p.begin + m.end});
-      return true;
-    });
+  for (const Span& part : findParts(text)) {
+    PartSpans spans{part, {}};
+    forEachElement(measurePattern, "measure", true, text.substr(part.begin, part.end - part.begin),
+                   [&](const PcrePattern::Match& m) {
+                     spans.measures.push_back({part.begin + m.begin, part.begin + m.end});
+                     return true;
+                   });
     parts.push_back(std::move(spans));
-    return true;
-  });
+  }
 
   Result result;
   result.stats.measuresOriginal = parts.empty() ? 0 : static_cast<int>(parts[0].measures.size());
@@ -372,7 +409,8 @@ Unfolder::Result Unfolder::unfold(std::string_view text) {
     }
   }
   if (!flowPart) {
-    result.text = std::string(text);
+    result.text = largeString(text.size());
+    result.text.append(text);
     return result;
   }
 
@@ -395,8 +433,15 @@ Unfolder::Result Unfolder::unfold(std::string_view text) {
   }
 
   // Marks are stripped from every measure that has one, in whichever part.
+  std::size_t size = text.size();
+  for (const PartSpans& part : parts) {
+    for (const auto& [index, passNumber] : order) {
+      if (static_cast<std::size_t>(index) < part.measures.size())
+        size += part.measures[index].end - part.measures[index].begin + 64;
+    }
+  }
   std::string& out = result.text;
-  out.reserve(text.size() * 2);
+  out = largeString(size);
   std::size_t copied = 0;
   for (const PartSpans& part : parts) {
     if (part.measures.empty()) continue;

@@ -3,6 +3,7 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -25,6 +26,27 @@ pcre2_match_data* matchDataFor(const pcre2_code* code) {
     data.reset(pcre2_match_data_create(pairs, nullptr));
   }
   return data.get();
+}
+
+// Whole-file patterns such as "[\s\S]*?</part>" walk millions of characters in one match;
+// the default limits would end such a match with an error that reads like "no match". The
+// texts are bounded by the importers' size ceilings, so the limits are lifted.
+pcre2_match_context* matchContext() {
+  struct Context {
+    pcre2_match_context* context = pcre2_match_context_create(nullptr);
+    pcre2_jit_stack* stack = pcre2_jit_stack_create(32 * 1024, 16 * 1024 * 1024, nullptr);
+    Context() {
+      pcre2_set_match_limit(context, UINT32_MAX);
+      pcre2_set_depth_limit(context, UINT32_MAX);
+      pcre2_jit_stack_assign(context, nullptr, stack);
+    }
+    ~Context() {
+      pcre2_jit_stack_free(stack);
+      pcre2_match_context_free(context);
+    }
+  };
+  thread_local Context c;
+  return c.context;
 }
 
 }  // namespace
@@ -58,7 +80,7 @@ bool PcrePattern::find(std::string_view subject, Match& match, std::size_t from)
   if (subject.data() == nullptr) subject = std::string_view("", 0);
   pcre2_match_data* data = matchDataFor(code_);
   const int rc = pcre2_match(code_, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(),
-                             from, 0, data, nullptr);
+                             from, 0, data, matchContext());
   if (rc < 0) return false;
   const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(data);
   const std::uint32_t count = pcre2_get_ovector_count(data);

@@ -6,6 +6,7 @@
 #include <climits>
 
 #include "melvo/importers/charset.h"
+#include "melvo/importers/large_buffer.h"
 #include "melvo/platform/text.h"
 
 namespace melvo {
@@ -48,7 +49,8 @@ std::string decodeName(std::string_view raw) {
 
 std::optional<std::string> inflateRaw(std::string_view in, std::uint64_t outSize) {
   if (outSize < 1) return std::nullopt;
-  std::string out(outSize, '\0');
+  std::string out = largeString(outSize);
+  out.resize(outSize);
   z_stream z{};
   if (inflateInit2(&z, -MAX_WBITS) != Z_OK) return std::nullopt;
   std::size_t produced = 0;
