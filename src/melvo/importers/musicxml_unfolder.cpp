@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "melvo/importers/element_scan.h"
 #include "melvo/importers/large_buffer.h"
 #include "melvo/importers/musicxml_parse_error.h"
 #include "melvo/importers/pcre_pattern.h"
@@ -166,37 +167,6 @@ void appendCopy(std::string& out, std::string_view measure, int pass, std::size_
     return true;
   });
   out.append(body.substr(from));
-}
-
-std::size_t findBytes(std::string_view hay, std::string_view needle, std::size_t from) {
-  if (from > hay.size()) return std::string_view::npos;
-  const void* p = memmem(hay.data() + from, hay.size() - from, needle.data(), needle.size());
-  return p ? static_cast<std::size_t>(static_cast<const char*>(p) - hay.data())
-           : std::string_view::npos;
-}
-
-// The parts, as "<part(?=[\s>])[^>]*>[\s\S]*?</part>" finds them, but by hand: a part is
-// megabytes long, and memmem finds its end several times faster than a pattern that walks it
-// character by character.
-std::vector<Span> findParts(std::string_view text) {
-  std::vector<Span> parts;
-  std::size_t at = 0;
-  while ((at = findBytes(text, "<part", at)) != std::string_view::npos) {
-    const std::size_t after = at + 5;
-    if (after >= text.size()) break;
-    if (!isSpace(text[after]) && text[after] != '>') {
-      at = after;
-      continue;
-    }
-    const std::size_t gt = text.find('>', after);
-    if (gt == std::string_view::npos) break;
-    // No closing tag after this start means none after any later start either.
-    const std::size_t close = findBytes(text, "</part>", gt + 1);
-    if (close == std::string_view::npos) break;
-    parts.push_back({at, close + 7});
-    at = close + 7;
-  }
-  return parts;
 }
 
 std::string measureNumber(std::string_view measure) {
@@ -375,17 +345,19 @@ std::vector<std::pair<int, int>> Unfolder::walk(const std::vector<MeasureInfo>& 
 }
 
 Unfolder::Result Unfolder::unfold(std::string_view text) {
-  static const PcrePattern measurePattern("<measure(?=[\\s/>])[^>]*?(?:/>|>[\\s\\S]*?</measure>)");
+  // Parts and measures as "<part(?=[\\s>])[^>]*>[\\s\\S]*?</part>" and
+  // "<measure(?=[\\s/>])[^>]*?(?:/>|>[\\s\\S]*?</measure>)" find them.
   std::vector<PartSpans> parts;
-  for (const Span& part : findParts(text)) {
-    PartSpans spans{part, {}};
-    forEachElement(measurePattern, "measure", true, text.substr(part.begin, part.end - part.begin),
-                   [&](const PcrePattern::Match& m) {
-                     spans.measures.push_back({part.begin + m.begin, part.begin + m.end});
-                     return true;
-                   });
+  forEachElement(text, "part", [&](const ElementMatch& part) {
+    PartSpans spans{{part.begin, part.end}, {}};
+    const auto offset = static_cast<std::size_t>(part.content.data() - text.data());
+    forEachElement(part.content, "measure", [&](const ElementMatch& m) {
+      spans.measures.push_back({offset + m.begin, offset + m.end});
+      return true;
+    });
     parts.push_back(std::move(spans));
-  }
+    return true;
+  });
 
   Result result;
   result.stats.measuresOriginal = parts.empty() ? 0 : static_cast<int>(parts[0].measures.size());

@@ -60,46 +60,4 @@ class PcrePattern {
   unsigned flags_ = none;
 };
 
-// Matches of an element pattern of the form "<name(?=[\s/>])([^>]*?)(?:/>|>([\s\S]*?)</name>)".
-// Beyond the last closing tag only the empty form "<name …/>" can match, and a regular
-// expression would search from every unclosed start to the end of the text, which makes a
-// damaged file quadratic. So `whole` runs up to the last closing tag, where every start
-// matches, and the empty forms after it are found by hand (with groups 0 and 1; 2 unset). When
-// `emptyForms` is false only the first part is searched. Matches come in text order, with
-// offsets into `subject`.
-template <class F>
-void forEachElement(const PcrePattern& whole, std::string_view name, bool emptyForms,
-                    std::string_view subject, F&& f) {
-  const std::string closing = "</" + std::string(name) + ">";
-  const std::size_t last = subject.rfind(closing);
-  const std::size_t bound = last == std::string_view::npos ? 0 : last + closing.size();
-  bool go = true;
-  whole.forEach(subject.substr(0, bound), [&](const PcrePattern::Match& m) {
-    go = f(m);
-    return go;
-  });
-  if (!go || !emptyForms) return;
-  const std::string open = "<" + std::string(name);
-  std::size_t nextGt = bound;
-  for (std::size_t at = subject.find(open, bound); at != std::string_view::npos;
-       at = subject.find(open, at + 1)) {
-    const std::size_t after = at + open.size();
-    if (after >= subject.size()) break;
-    const char c = subject[after];
-    if (c != ' ' && c != '\t' && c != '\n' && c != '\r' && c != '\f' && c != '\v' && c != '/' &&
-        c != '>')
-      continue;
-    if (nextGt != std::string_view::npos && nextGt < after) nextGt = subject.find('>', after);
-    if (nextGt == std::string_view::npos) break;
-    if (subject[nextGt - 1] != '/' || nextGt - 1 < after) continue;
-    PcrePattern::Match m;
-    m.begin = at;
-    m.end = nextGt + 1;
-    m.groups = {subject.substr(at, m.end - at), subject.substr(after, nextGt - 1 - after),
-                std::string_view()};
-    if (!f(static_cast<const PcrePattern::Match&>(m))) return;
-    at = nextGt;
-  }
-}
-
 }  // namespace melvo

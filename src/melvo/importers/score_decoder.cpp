@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "melvo/importers/charset.h"
+#include "melvo/importers/element_scan.h"
 #include "melvo/importers/musicxml_parse_error.h"
 #include "melvo/importers/pcre_pattern.h"
 #include "melvo/importers/zip_reader.h"
@@ -173,9 +174,6 @@ std::string partwiseText(std::string_view text) {
   static const PcrePattern root("<score-timewise(?=[\\s>/])");
   PcrePattern::Match rootMatch;
   if (!root.find(text, rootMatch)) return std::string(text);
-  static const PcrePattern measurePattern(
-      "<measure(?=[\\s>/])([^>]*?)(?:/>|>([\\s\\S]*?)</measure>)");
-  static const PcrePattern partPattern("<part(?=[\\s>/])([^>]*?)(?:/>|>([\\s\\S]*?)</part>)");
   static const PcrePattern idPattern("(?:^|\\s)id\\s*=\\s*(?:\"([^\"]*)\"|'([^']*)')");
 
   struct Entry {
@@ -191,19 +189,21 @@ std::string partwiseText(std::string_view text) {
   std::unordered_map<std::string, std::size_t> partById;
   std::size_t firstMeasure = std::string_view::npos, afterLast = 0;
 
-  forEachElement(measurePattern, "measure", true, text, [&](const PcrePattern::Match& m) {
+  // Measures, and parts inside them, as
+  // "<measure(?=[\\s>/])([^>]*?)(?:/>|>([\\s\\S]*?)</measure>)" and the same for "part" find them.
+  forEachElement(text, "measure", [&](const ElementMatch& m) {
     if (firstMeasure == std::string_view::npos) firstMeasure = m.begin;
     afterLast = m.end;
     const std::size_t index = measureAttributes.size();
-    measureAttributes.push_back(m.groups[1]);
-    forEachElement(partPattern, "part", true, m.groups[2], [&](const PcrePattern::Match& p) {
+    measureAttributes.push_back(m.attributes);
+    forEachElement(m.content, "part", [&](const ElementMatch& p) {
       PcrePattern::Match id;
       std::string key;
-      if (idPattern.find(p.groups[1], id))
+      if (idPattern.find(p.attributes, id))
         key = std::string(id.has(1) ? id.groups[1] : id.groups[2]);
       auto [it, added] = partById.try_emplace(key, parts.size());
-      if (added) parts.push_back(Part{p.groups[1], {}});
-      parts[it->second].entries.push_back(Entry{index, p.groups[2]});
+      if (added) parts.push_back(Part{p.attributes, {}});
+      parts[it->second].entries.push_back(Entry{index, p.content});
       return true;
     });
     return true;
