@@ -168,8 +168,6 @@ TEST(ScoreDecoder, TimewiseScoresBecomePartwiseWithEveryPartInEveryMeasure) {
 TEST(ScoreDecoder, FractionalDurationsGetTheSmallestScaleThatMakesThemWhole) {
   const std::string half = "<divisions>2</divisions><note><duration>1.5</duration></note>";
   EXPECT_EQ(fractionalUnitScale(half), 10);
-  // The same musical length as 15 with 20.
-  EXPECT_DOUBLE_EQ(1.5 * fractionalUnitScale(half) / (2 * fractionalUnitScale(half)), 15.0 / 20);
   EXPECT_EQ(fractionalUnitScale("<duration>4</duration><words>D.C.</words>"), 1);
   EXPECT_EQ(fractionalUnitScale("<duration>1</duration>"), 1);
   EXPECT_EQ(fractionalUnitScale("<offset sound=\"no\">-0.25</offset>"), 100);

@@ -77,7 +77,10 @@ std::string decodeScoreBytes(std::string_view bytes, bool containerByName) {
   }
   auto decoded = decodedText(bytes);
   if (!decoded) throw MusicXMLParseError::notXML();
-  return partwiseText(cleanedText(std::move(*decoded)));
+  std::string text = cleanedText(std::move(*decoded));
+  // Most scores are partwise already: no second copy of the whole text for them.
+  if (text.find("<score-timewise") == std::string::npos) return text;
+  return partwiseText(text);
 }
 
 std::string extractFromContainer(std::string_view data) {
