@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "melvo/importers/musicxml_unfolder.h"
-#include "melvo/importers/pcre_pattern.h"
-#include "melvo/importers/zip_reader.h"
+#include "melvo/interchange/musicxml_unfolder.h"
+#include "melvo/platform/pcre_pattern.h"
+#include "melvo/platform/zip_reader.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "melvo/importers/musicxml_parse_error.h"
-#include "melvo/importers/score_decoder.h"
+#include "melvo/interchange/musicxml_parse_error.h"
+#include "melvo/interchange/score_decoder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;

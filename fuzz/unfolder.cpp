@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "melvo/importers/musicxml_parse_error.h"
-#include "melvo/importers/musicxml_unfolder.h"
+#include "melvo/interchange/musicxml_parse_error.h"
+#include "melvo/interchange/musicxml_unfolder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "melvo/importers/zip_import.h"
-#include "melvo/importers/zip_reader.h"
+#include "melvo/platform/zip_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);

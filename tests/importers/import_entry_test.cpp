@@ -5,8 +5,8 @@
 
 #include "app/app_test_support.h"
 #include "importer_test_support.h"
-#include "melvo/importers/musicxml_parse_error.h"
 #include "melvo/importers/zip_import.h"
+#include "melvo/interchange/musicxml_parse_error.h"
 #include "melvo/model/project_file.h"
 #include "support/zip_writer.h"
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "importer_test_support.h"
-#include "melvo/importers/musicxml_parse_error.h"
+#include "melvo/interchange/musicxml_parse_error.h"
 #include "melvo/platform/i18n.h"
 #include "support/zip_writer.h"
 

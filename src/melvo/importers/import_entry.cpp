@@ -1,8 +1,8 @@
 #include "melvo/importers/import_entry.h"
 
-#include "melvo/importers/musicxml_unfolder.h"
-#include "melvo/importers/score_decoder.h"
 #include "melvo/importers/zip_import.h"
+#include "melvo/interchange/musicxml_unfolder.h"
+#include "melvo/interchange/score_decoder.h"
 #include "melvo/interchange/tempo_notices.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"

@@ -6,10 +6,20 @@
 #include <string>
 #include <vector>
 
-#include "melvo/importers/open_error.h"
 #include "melvo/model/music_document.h"
+#include "melvo/model/open_error.h"
 
 namespace melvo {
+
+// A file whose reader Melvo does not have yet. `format()` is the format's short name.
+class UnsupportedFormatError : public ImportError {
+ public:
+  explicit UnsupportedFormatError(std::string format);
+  const std::string& format() const { return format_; }
+
+ private:
+  std::string format_;
+};
 
 // Any file: a project goes to the project reader, everything else through importDocument,
 // and then the passes every opened song gets. Throws OpenError (an ImportError when a reader

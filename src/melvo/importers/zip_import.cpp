@@ -8,12 +8,12 @@
 #include <system_error>
 #include <vector>
 
-#include "melvo/importers/score_decoder.h"
-#include "melvo/importers/zip_reader.h"
+#include "melvo/interchange/score_decoder.h"
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/text.h"
 #include "melvo/platform/uuid.h"
+#include "melvo/platform/zip_reader.h"
 
 namespace fs = std::filesystem;
 

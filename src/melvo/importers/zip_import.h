@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "melvo/importers/open_error.h"
+#include "melvo/model/open_error.h"
 
 namespace melvo {
 

@@ -1,11 +1,11 @@
 // The raw passes before the MusicXML reader: container, encodings, clean-up, timewise scores,
 // fractional durations.
-#include "melvo/importers/score_decoder.h"
+#include "melvo/interchange/score_decoder.h"
 
 #include <expat.h>
 #include <gtest/gtest.h>
 
-#include "melvo/importers/musicxml_parse_error.h"
+#include "melvo/interchange/musicxml_parse_error.h"
 #include "melvo/platform/text.h"
 #include "support/test_support.h"
 #include "support/zip_writer.h"

@@ -1,4 +1,4 @@
-// What the open entry and the readers behind it throw when nothing can be opened.
+// What the open entry and every reader behind it throw when nothing can be opened.
 #pragma once
 
 #include <stdexcept>
@@ -21,16 +21,6 @@ class ImportError : public OpenError {
 
  private:
   const char* key_;
-};
-
-// A file whose reader Melvo does not have yet. `format()` is the format's short name.
-class UnsupportedFormatError : public ImportError {
- public:
-  explicit UnsupportedFormatError(std::string format);
-  const std::string& format() const { return format_; }
-
- private:
-  std::string format_;
 };
 
 }  // namespace melvo

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "melvo/importers/open_error.h"
+#include "melvo/model/open_error.h"
 
 namespace melvo {
 

@@ -1,4 +1,4 @@
-#include "melvo/importers/musicxml_parse_error.h"
+#include "melvo/interchange/musicxml_parse_error.h"
 
 #include "melvo/platform/i18n.h"
 

@@ -1,4 +1,4 @@
-#include "melvo/importers/charset.h"
+#include "melvo/platform/charset.h"
 
 #include <unicode/ucnv.h>
 #include <unicode/ucnv_err.h>

@@ -1,11 +1,11 @@
 // Repeats written out: the order of measures after unfolding, against lists made by hand.
-#include "melvo/importers/musicxml_unfolder.h"
+#include "melvo/interchange/musicxml_unfolder.h"
 
 #include <gtest/gtest.h>
 
-#include "melvo/importers/musicxml_parse_error.h"
-#include "melvo/importers/pcre_pattern.h"
-#include "melvo/importers/score_decoder.h"
+#include "melvo/interchange/musicxml_parse_error.h"
+#include "melvo/interchange/score_decoder.h"
+#include "melvo/platform/pcre_pattern.h"
 #include "support/test_support.h"
 
 namespace melvo {

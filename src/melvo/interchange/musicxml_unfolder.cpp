@@ -1,13 +1,13 @@
-#include "melvo/importers/musicxml_unfolder.h"
+#include "melvo/interchange/musicxml_unfolder.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 
-#include "melvo/importers/element_scan.h"
-#include "melvo/importers/large_buffer.h"
-#include "melvo/importers/musicxml_parse_error.h"
-#include "melvo/importers/pcre_pattern.h"
+#include "melvo/interchange/element_scan.h"
+#include "melvo/interchange/musicxml_parse_error.h"
+#include "melvo/platform/large_buffer.h"
+#include "melvo/platform/pcre_pattern.h"
 
 namespace melvo {
 

@@ -1,4 +1,4 @@
-#include "melvo/importers/score_decoder.h"
+#include "melvo/interchange/score_decoder.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,13 +6,13 @@
 #include <unordered_map>
 #include <vector>
 
-#include "melvo/importers/charset.h"
-#include "melvo/importers/element_scan.h"
-#include "melvo/importers/musicxml_parse_error.h"
-#include "melvo/importers/pcre_pattern.h"
-#include "melvo/importers/zip_reader.h"
+#include "melvo/interchange/element_scan.h"
+#include "melvo/interchange/musicxml_parse_error.h"
 #include "melvo/platform/atomic_file.h"
+#include "melvo/platform/charset.h"
+#include "melvo/platform/pcre_pattern.h"
 #include "melvo/platform/text.h"
+#include "melvo/platform/zip_reader.h"
 
 namespace melvo {
 

@@ -1,4 +1,4 @@
-#include "melvo/importers/pcre_pattern.h"
+#include "melvo/platform/pcre_pattern.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>

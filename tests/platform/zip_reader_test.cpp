@@ -1,5 +1,5 @@
 // The zip reader against archives built byte by byte, well formed and not.
-#include "melvo/importers/zip_reader.h"
+#include "melvo/platform/zip_reader.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,12 @@
-#include "melvo/importers/zip_reader.h"
+#include "melvo/platform/zip_reader.h"
 
 #include <zlib.h>
 
 #include <algorithm>
 #include <climits>
 
-#include "melvo/importers/charset.h"
-#include "melvo/importers/large_buffer.h"
+#include "melvo/platform/charset.h"
+#include "melvo/platform/large_buffer.h"
 #include "melvo/platform/text.h"
 
 namespace melvo {
