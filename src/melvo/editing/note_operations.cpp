@@ -128,8 +128,14 @@ std::vector<std::size_t> PianoRollViewModel::selectedPositions() const {
   const MusicTrack* track = currentTrack();
   if (!track || _selectedNoteIDs.empty()) return out;
   const NoteIDSet wanted(_selectedNoteIDs);
+  // Ids are unique in a song, so the walk ends at the last selected note: a passage selected
+  // early in a long song costs only the notes up to it.
+  std::size_t remaining = _selectedNoteIDs.size();
   for (auto it = track->notes.begin(); it != track->notes.end(); ++it)
-    if (wanted.contains(it->id)) out.push_back(it.index());
+    if (wanted.contains(it->id)) {
+      out.push_back(it.index());
+      if (--remaining == 0) break;
+    }
   return out;
 }
 
