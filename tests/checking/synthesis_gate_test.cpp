@@ -128,14 +128,15 @@ TEST(GateProblems, RefusalNamesTheNotes) {
   test::JapaneseTexts ja;
   auto d = song({note(0, 480, "か", 22), note(480, 480, "さ", 23), note(960, 480, "！")});
   auto problems = SynthesisGate::problems(d, {});
+  // Lyric kinds first, then the pitches.
   ASSERT_EQ(problems.size(), 2u);
-  EXPECT_EQ(problems[0].kind, Kind::pitchTooLow);
-  EXPECT_EQ(problems[0].text, "音が低すぎて NEUTRINO が止まります（A#0。B0 以上にしてください）");
-  EXPECT_EQ(problems[1].kind, Kind::undefinedLyric);
+  EXPECT_EQ(problems[0].kind, Kind::undefinedLyric);
+  EXPECT_EQ(problems[1].kind, Kind::pitchTooLow);
+  EXPECT_EQ(problems[1].text, "音が低すぎて NEUTRINO が止まります（A#0。B0 以上にしてください）");
   EXPECT_EQ(SynthesisGate::refusal(problems),
             "NEUTRINO が歌えない音が 2 "
             "音あります。このまま合成すると曲全体が失敗するため、合成を止めました。");
-  problems.erase(problems.begin());
+  problems.pop_back();
   std::string list = SynthesisGate::refusalWithList(problems);
   EXPECT_EQ(list.rfind("NEUTRINO が歌えない歌詞が 1 音あります。", 0), 0u);
   EXPECT_NE(list.find("\nTr.1 1小節目3拍  ！  読めない歌詞\n"), std::string::npos);

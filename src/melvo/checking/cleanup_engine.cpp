@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "melvo/checking/kana_table.h"
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/model/bar_ruler.h"
@@ -74,6 +75,14 @@ bool holdsOn(std::string_view earlier, std::string_view later) {
   const auto vowel = vowelOf(before);
   const auto syllables = groupSyllables(before);
   return vowel && form == *vowel && !syllables.empty() && syllables.back() != form;
+}
+
+// Whether small `youon` makes one entry of the kana table with the last kana of `before`.
+bool pairsWith(std::string_view before, std::string_view youon) {
+  char32_t last = 0;
+  for (std::size_t i = 0; i < before.size();) last = text::nextScalar(before, i);
+  std::size_t k = 0;
+  return last != 0 && !youon.empty() && kana::lookupPair(last, text::nextScalar(youon, k));
 }
 
 std::string joined(const std::vector<std::string>& parts) {
@@ -171,7 +180,7 @@ class Cleaner {
     begin(kChouon);
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 1; i < notes.size(); ++i) {
-        if (lyricForExport(notes[i].lyric) != "ー") continue;
+        if (!isOnlyChouon(notes[i].lyric)) continue;
         const auto morae = splitMorae(lyricForExport(notes[i - 1].lyric));
         if (morae.empty()) continue;
         const auto vowel = vowelOf(morae.back());
@@ -208,8 +217,11 @@ class Cleaner {
       for (std::size_t i = 1; i < notes.size();) {
         const std::string l = lyricForExport(notes[i].lyric);
         const NoteEvent& prev = notes[i - 1];
+        // Only onto a note it touches, which it pairs with: joined over a rest or after a
+        // kana it forms no table entry with, it would be a wrong small kana in its turn.
         if (!isCharacterIn(l, youonCharacters) || prev.pitch != notes[i].pitch ||
-            prev.tick >= notes[i].tick || lyricForExport(prev.lyric).empty()) {
+            prev.tick >= notes[i].tick || prev.endTick() < notes[i].tick ||
+            !pairsWith(lyricForExport(prev.lyric), l)) {
           ++i;
           continue;
         }
@@ -231,24 +243,27 @@ class Cleaner {
       for (std::size_t i = 0; i < notes.size(); ++i) {
         const NoteEvent n = notes[i];
         if (report_.keepWhole.count(n.id)) continue;
-        const std::string form = lyricForExport(n.lyric);
-        if (!isAllKana(form)) continue;
-        const auto syl = groupSyllables(form);
+        const auto syl = splittableSyllables(n.lyric);
         if (syl.size() < 2) continue;
         // Equal parts, the last taking what the division leaves, as the row's repair does.
+        // Every part keeps the note's values; the breath and the slur come after the last.
         const auto count = static_cast<std::int64_t>(syl.size());
         const std::int64_t each = std::max<std::int64_t>(1, n.duration / count);
         NoteEvent& first = notes.mutableAt(i);
         first.duration = each;
         first.lyric = syl[0];
         first.sourcePhonemes.reset();
+        first.hasBreathAfter = false;
+        first.slurToNext = false;
         for (std::int64_t k = 1; k < count; ++k) {
           const std::int64_t tick = addTicks(n.tick, k * each);
           const std::int64_t duration =
               k + 1 == count ? std::max<std::int64_t>(1, n.endTick() - tick) : each;
+          const bool last = k + 1 == count;
           notes.insert(i + static_cast<std::size_t>(k),
                        NoteEvent::make(Uuid::random(), tick, duration, n.pitch, n.velocity,
-                                       syl[static_cast<std::size_t>(k)]));
+                                       syl[static_cast<std::size_t>(k)], last && n.slurToNext,
+                                       last && n.hasBreathAfter));
         }
         record(kSplit, n, t, n.lyric, joined(syl));
         i += syl.size() - 1;
@@ -263,38 +278,47 @@ class Cleaner {
     auto tiny = [&](const NoteEvent& n) { return n.duration < veryShortBelow(ppq); };
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 0; i < notes.size();) {
-        if (!tiny(notes[i])) {
+        if (tiny(notes[i]) && lyricForExport(notes[i].lyric).empty()) {
+          record(kTinyDeleted, notes[i], t, notes[i].lyric, tr("(削除)"));
+          notes.erase(i);
+        } else {
+          ++i;
+        }
+      }
+      // A run of tiny sung notes, as the check counts one (gaps of at most a tick), becomes
+      // one note when the engine can read the whole; else every part stays as it was, since
+      // a run merged only in part still sings the same tiny notes. Notes apart stay apart:
+      // joining them would make one long note over the rest between them.
+      for (std::size_t i = 0; i < notes.size();) {
+        std::size_t j = i + 1;
+        if (tiny(notes[i]))
+          while (j < notes.size() && tiny(notes[j]) && notes[j].tick - notes[j - 1].endTick() <= 1)
+            ++j;
+        if (j == i + 1) {
           ++i;
           continue;
         }
-        if (lyricForExport(notes[i].lyric).empty()) {
-          record(kTinyDeleted, notes[i], t, notes[i].lyric, tr("(削除)"));
-          notes.erase(i);
+        std::vector<std::string> parts;
+        std::string lyric;
+        std::int64_t end = notes[i].endTick();
+        for (std::size_t k = i; k < j; ++k) {
+          parts.push_back(notes[k].lyric);
+          lyric += notes[k].lyric;
+          end = std::max(end, notes[k].endTick());
+        }
+        if (countPhonemes(lyric) > 8) {
+          i = j;
           continue;
         }
-        // Join the tiny sung notes that follow on without a rest, as the check counts a run
-        // (gaps of at most a tick), while the engine can still read the whole. Notes apart
-        // stay apart: joining them would make one long note over the rest between them.
-        std::vector<std::string> parts{notes[i].lyric};
-        std::string lyric = notes[i].lyric;
-        std::int64_t end = notes[i].endTick();
-        std::size_t j = i + 1;
-        while (j < notes.size() && tiny(notes[j]) && notes[j].tick - notes[j - 1].endTick() <= 1 &&
-               !lyricForExport(notes[j].lyric).empty() &&
-               countPhonemes(lyric + notes[j].lyric) <= 8) {
-          lyric += notes[j].lyric;
-          parts.push_back(notes[j].lyric);
-          end = std::max(end, notes[j].endTick());
-          ++j;
-        }
-        if (j > i + 1) {
-          NoteEvent& n = notes.mutableAt(i);
-          record(kTinyMerged, n, t, joined(parts), lyric);
-          n.lyric = lyric;
-          n.duration = std::max<std::int64_t>(1, end - n.tick);
-          n.sourcePhonemes.reset();
-          for (std::size_t k = j; k-- > i + 1;) notes.erase(k);
-        }
+        NoteEvent& n = notes.mutableAt(i);
+        record(kTinyMerged, n, t, joined(parts), lyric);
+        n.lyric = lyric;
+        n.duration = std::max<std::int64_t>(1, end - n.tick);
+        n.sourcePhonemes.reset();
+        // The last part's breath and slur end the merged note.
+        n.hasBreathAfter = notes[j - 1].hasBreathAfter;
+        n.slurToNext = notes[j - 1].slurToNext;
+        for (std::size_t k = j; k-- > i + 1;) notes.erase(k);
         ++i;
       }
     });
@@ -583,7 +607,7 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
     });
   if (o.foreignKana)
     c.lyricPass(kForeign, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{katakanaToHiragana(n.lyric), N_("カタカナ→ひらがな")};
+      return Rewrite{katakanaLettersToHiragana(n.lyric), N_("カタカナ→ひらがな")};
     });
   if (o.standaloneChouon) c.standaloneChouon();
   if (o.standaloneSokuon) c.standaloneSokuon();

@@ -414,6 +414,8 @@ void checkOverlaps(TrackCheck& c, bool cleanupTrims) {
       while (next < n && line.ticks[next] == line.ticks[i]) ++next;
     }
     if (next >= n) break;
+    // A chord note the writer drops sings nothing, so it overlaps nothing.
+    if (!line.sung[i]) continue;
     // A note that ends before the next tick cannot overlap it; a sung note's end is at most
     // that tick, and equal to its own end when that comes first.
     if (line.ends[i] < line.ticks[next]) continue;

@@ -96,16 +96,16 @@ void phonemeTypedLyrics(TrackCheck& c, std::vector<bool>& reported) {
         rest.ids.push_back(e.id);
       }
     }
+    // Each label is written before its repair is handed over: the count is of the list.
     if (!fix.edits.empty()) {
-      row.suggestions.push_back(
-          suggestion(trf("仮名へ写せる %d 音を直す（例「%@」→「%@」）",
-                         {num(fix.edits.size()), visibleLyric(fixFrom), fixTo}),
-                     std::move(fix)));
+      std::string label = trf("仮名へ写せる %d 音を直す（例「%@」→「%@」）",
+                              {num(fix.edits.size()), visibleLyric(fixFrom), fixTo});
+      row.suggestions.push_back(suggestion(std::move(label), std::move(fix)));
     }
     if (!rest.ids.empty()) {
-      row.suggestions.push_back(suggestion(trf("仮名へ写せない %d 音を休符にする（例「%@」）",
-                                               {num(rest.ids.size()), visibleLyric(restExample)}),
-                                           std::move(rest)));
+      std::string label = trf("仮名へ写せない %d 音を休符にする（例「%@」）",
+                              {num(rest.ids.size()), visibleLyric(restExample)});
+      row.suggestions.push_back(suggestion(std::move(label), std::move(rest)));
     }
     row.suggestions.push_back(suggestion(tr("このまま（歌詞を直す）"), S::KeepAsIs{}));
   }
@@ -142,7 +142,8 @@ class NoteCheck {
         byFatal(fatal ? Sev::error : Sev::warning),
         prevEnd(prev ? prev->endTick() : 0),
         gap(prev ? note.tick - prevEnd : 0),
-        prevReadable(prev && !c.readings[prevIndex].kind.has_value()) {
+        prevReadable(prev && !c.readings[prevIndex].kind.has_value()),
+        prevStranded(prev && c.readings[prevIndex].strandedSokuon) {
     // The character class; invisible scalars are judged by their own row.
     if (!reported[i] && !f.allKana && !f.emptyTrimmed) {
       invisible = hasInvisibleScalars(note.lyric);
@@ -189,7 +190,7 @@ class NoteCheck {
                       : tr("NEUTRINO "
                            "は空歌詞を許可しません。ひらがな/"
                            "カタカナで歌詞を入力するか、この音を休符にしてください。");
-    if (tied && prevReadable) {
+    if (tied && prevReadable && !prevStranded) {
       // Empty notes right after one another are joined all at once.
       std::vector<std::size_t> run{i};
       if (gap == 0)
@@ -233,7 +234,7 @@ class NoteCheck {
               trf("1音符に音素が %d 個「%@」（NEUTRINO は8個まで）", {num(f.phonemes), shown()}),
               note.id);
     row.detail = tr(SynthesisGate::detailKey(SynthesisGate::Kind::tooManyPhonemes));
-    auto syl = groupSyllables(lyricForExport(note.lyric));
+    const auto syl = splittableSyllables(note.lyric);
     if (syl.size() >= 2)
       row.suggestions.push_back(suggestion(
           trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}), splitAction(note, t, syl)));
@@ -244,7 +245,9 @@ class NoteCheck {
     using K = SynthesisGate::Kind;
     if (reported[i] || !reading.kind) return;
     const K kind = *reading.kind;
-    if (!(kind == K::undefinedLyric && !classRow && !invisible)) return;
+    // Also beside a row of its characters: that row says what is wrong, this one that the
+    // engine stops on it.
+    if (kind != K::undefinedLyric) return;
     Issue& row = c.add(Cat::invalidLyricChars, Sev::error, note.tick,
                        trf("NEUTRINO が読めない歌詞「%@」", {shown()}), note.id);
     row.detail = tr(SynthesisGate::detailKey(kind));
@@ -290,9 +293,10 @@ class NoteCheck {
           trf("休符にする（続く「ー」も合わせて %d 音）", {num(run.size())}), removeRun));
     } else {
       if (prev && prevReadable && gap > 0) {
-        row.suggestions.push_back(
-            suggestion(trf("「ー」にして前の音に続ける（隙間 %dtk を詰める）", {num(gap)}),
-                       S::SetTiming{{{note.id, prevEnd, note.endTick() - prevEnd}}}));
+        if (!prevStranded)
+          row.suggestions.push_back(
+              suggestion(trf("「ー」にして前の音に続ける（隙間 %dtk を詰める）", {num(gap)}),
+                         S::SetTiming{{{note.id, prevEnd, note.endTick() - prevEnd}}}));
         S::Sequence join;
         join.actions.emplace_back(S::SetTiming{{{prev->id, prev->tick, runEnd - prev->tick}}});
         join.actions.emplace_back(removeRun);
@@ -423,7 +427,7 @@ class NoteCheck {
         if (hasKana(cleaned)) {
           fixes.push_back(suggestion(trf("「%@」にする", {cleaned}), S::SetLyric{cleaned}));
         } else {
-          if (prev && prevReadable && gap == 0)
+          if (prev && prevReadable && !prevStranded && gap == 0)
             fixes.push_back(suggestion(trf("「%@」にする", {"ー"}), S::SetLyric{"ー"}));
           fixes.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
         }
@@ -728,7 +732,9 @@ class NoteCheck {
     auto syl = groupSyllables(before);
     if (!syl.empty() &&
         foldedToHiragana(syl.back()) == foldedToHiragana(lyricForExport(note.lyric)))
-      if (auto vowel = vowelOf(before)) {
+      if (auto vowel = vowelOf(before);
+          vowel && *vowel != foldedToHiragana(lyricForExport(note.lyric))) {
+        // A bare vowel after its own vowel already holds it (あ⌒あ): nothing to repair.
         Issue& row = c.add(Cat::tieLyricDup, Sev::warning, note.tick,
                            trf("スラー継続で歌詞が重複「%@」", {shown()}), note.id);
         row.detail =
@@ -745,9 +751,9 @@ class NoteCheck {
     if (!(!reported[i] && f.allKana && !fatal && f.phonemes < 9 && f.scalars >= 2 &&
           !c.keepWhole.count(note.id)))
       return;
-    const std::string form = lyricForExport(note.lyric);
-    if (isMultiSyllable(form)) {
-      auto syl = groupSyllables(form);
+    // A lyric that cannot be cut (あゝ) is left to its unreadable-kana row.
+    const auto syl = splittableSyllables(note.lyric);
+    if (syl.size() >= 2) {
       Issue& row = c.add(
           Cat::multiSyllable, Sev::warning, note.tick,
           trf("1つの音符に何音も入っている「%@」（%d 音節）", {shown(), num(syl.size())}), note.id);
@@ -782,6 +788,9 @@ class NoteCheck {
   const std::int64_t prevEnd;
   const std::int64_t gap;
   const bool prevReadable;
+  // The note before is a lone っ at the head of a phrase: a ー or っ joined to it is refused
+  // too, so no repair joins one to it.
+  const bool prevStranded;
   LyricClass cls = LyricClass::clean;
   bool invisible = false;
   bool classRow = false;

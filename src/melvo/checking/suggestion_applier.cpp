@@ -209,9 +209,8 @@ class Applier {
       notes.erase(p->index);
     }
     if (moved.empty()) return;
-    // The moved notes were sung by the track's voice; the new track keeps it so that
-    // unmuting it sounds like before.
-    fresh.characterName = doc_.tracks[static_cast<std::size_t>(moved.front().second)].characterName;
+    // An accompaniment: heard in the preview, never sung. With the voice of its old track a
+    // render would sing its lyric-less notes and be refused.
     const int index = static_cast<int>(doc_.tracks.size());
     for (auto& [n, from] : moved) {
       log(n, index, doc_.tracks[static_cast<std::size_t>(from)].name, a.trackName);
@@ -225,11 +224,33 @@ class Applier {
       return;
     }
     NoteList& notes = doc_.tracks[static_cast<std::size_t>(a.track)].notes;
-    for (const auto& added : a.notes) {
-      NoteEvent n = NoteEvent::make(Uuid::random(), added.tick, added.duration, added.pitch, 100,
-                                    added.lyric);
+    // Notes added for a row's note are cut from it (the split): they take its velocity, and
+    // its breath and slur pass to the last part when that part follows it.
+    std::optional<NoteEvent> source;
+    if (row_.noteID)
+      if (auto p = locate(doc_, *row_.noteID, a.track); p && p->track == a.track)
+        source = notes[p->index];
+    std::optional<std::size_t> last;
+    for (std::size_t k = 0; k < a.notes.size(); ++k)
+      if (!last || a.notes[k].tick >= a.notes[*last].tick) last = k;
+    const bool marksMove = source && last && a.notes[*last].tick >= source->endTick() &&
+                           (source->hasBreathAfter || source->slurToNext);
+    for (std::size_t k = 0; k < a.notes.size(); ++k) {
+      const auto& added = a.notes[k];
+      const bool takesMarks = marksMove && k == *last;
+      NoteEvent n = NoteEvent::make(
+          Uuid::random(), added.tick, added.duration, added.pitch, source ? source->velocity : 100,
+          added.lyric, takesMarks && source->slurToNext, takesMarks && source->hasBreathAfter);
       log(n, a.track, "", added.lyric);
       insertSorted(notes, std::move(n));
+    }
+    if (marksMove) {
+      Place p;
+      if (NoteEvent* from = note(source->id, &p)) {
+        from->hasBreathAfter = false;
+        from->slurToNext = false;
+        log(*from, p.track, source->hasBreathAfter ? "♪" : "⌒", "");
+      }
     }
   }
   void run(const S::SetTempos& a) {

@@ -193,6 +193,7 @@ std::vector<SynthesisGate::NoteReading> SynthesisGate::readLine(
     } else {
       const bool phraseStart = !hadPrevious || tick > previousEnd;
       stranded = phraseStart && f.onlySokuon;
+      r.strandedSokuon = stranded;
     }
     hadPrevious = true;
     previousReadable = readable;
@@ -333,6 +334,8 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
       tooLow[i] = n.pitch < lowestPitch;
     }
     std::vector<NoteReading> readings = readLine(line, facts);
+    // The lyrics the engine stops on come first, then the pitches, as the check lists them.
+    std::vector<Problem> low;
     for (std::size_t i = 0; i < line.notes.size(); ++i) {
       if (!line.sung[i] || (!readings[i].kind && !tooLow[i])) continue;
       const NoteEvent& n = *line.notes[i];
@@ -362,12 +365,13 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
         out.push_back({n.id, t, n.tick, n.lyric, *kind, std::move(message), place(n.tick)});
       }
       if (tooLow[i]) {
-        out.push_back({n.id, t, n.tick, n.lyric, Kind::pitchTooLow,
+        low.push_back({n.id, t, n.tick, n.lyric, Kind::pitchTooLow,
                        trf("音が低すぎて NEUTRINO が止まります（%@。%@ 以上にしてください）",
                            {pitchName(n.pitch), pitchName(lowestPitch)}),
                        place(n.tick)});
       }
     }
+    out.insert(out.end(), low.begin(), low.end());
     const CeilingLoss loss = ceilingLoss(line, ceiling);
     if (!loss.empty()) {
       const std::size_t first =

@@ -85,6 +85,8 @@ class SynthesisGate {
   struct NoteReading {
     std::optional<Kind> kind;
     bool afterUnreadable = false;
+    // A lone っ that starts a phrase: a ー, っ or ッ joined to it is refused.
+    bool strandedSokuon = false;
   };
 
   // Lowest pitch the engine survives.
