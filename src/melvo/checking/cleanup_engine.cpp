@@ -116,15 +116,27 @@ class Cleaner {
     report_.keepWhole = std::move(keepWhole);
     // The passes compare each note with its neighbour in time; a song whose notes were
     // stored out of order (an importer, an agent) must not slip past them.
-    for (auto& t : doc_.tracks) {
-      if (std::is_sorted(t.notes.begin(), t.notes.end(),
-                         [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; }))
-        continue;
-      std::vector<NoteEvent> sorted(t.notes.begin(), t.notes.end());
-      std::stable_sort(sorted.begin(), sorted.end(),
-                       [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
-      t.notes.assign(std::move(sorted));
-    }
+    for (auto& t : doc_.tracks) sortByTick(t.notes);
+  }
+
+  // Whether the writer sings notes[i] rather than another note starting with it. A chord
+  // note it drops is left for the chord pass: split, its later parts would be sung.
+  bool isSungAtItsTick(const NoteList& notes, std::size_t i) const {
+    const int rank = sungRank(notes[i], doc_.ppq);
+    for (std::size_t k = i; k-- > 0 && notes[k].tick == notes[i].tick;)
+      if (sungRank(notes[k], doc_.ppq) <= rank) return false;
+    for (std::size_t k = i + 1; k < notes.size() && notes[k].tick == notes[i].tick; ++k)
+      if (sungRank(notes[k], doc_.ppq) < rank) return false;
+    return true;
+  }
+
+  // Stable, so that notes at one tick keep the order the chord rule reads.
+  static void sortByTick(NoteList& notes) {
+    auto earlier = [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; };
+    if (std::is_sorted(notes.begin(), notes.end(), earlier)) return;
+    std::vector<NoteEvent> sorted(notes.begin(), notes.end());
+    std::stable_sort(sorted.begin(), sorted.end(), earlier);
+    notes.assign(std::move(sorted));
   }
 
   // A pass that only rewrites lyrics: `rewrite` gives the new lyric, or nothing to keep it.
@@ -242,13 +254,22 @@ class Cleaner {
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 0; i < notes.size(); ++i) {
         const NoteEvent n = notes[i];
-        if (report_.keepWhole.count(n.id)) continue;
+        if (report_.keepWhole.count(n.id) || !isSungAtItsTick(notes, i)) continue;
         const auto syl = splittableSyllables(n.lyric);
-        if (syl.size() < 2) continue;
+        // The sung length: up to the next note's start when that comes first, so that no
+        // part lands past a later note.
+        std::int64_t end = n.endTick();
+        for (std::size_t k = i + 1; k < notes.size(); ++k)
+          if (notes[k].tick > n.tick) {
+            end = std::min(end, notes[k].tick);
+            break;
+          }
+        // Parts shorter than a 64th would be merged straight back by the very-short pass.
+        const auto count = static_cast<std::int64_t>(syl.size());
+        if (count < 2 || (end - n.tick) / count < veryShortBelow(doc_.ppq)) continue;
         // Equal parts, the last taking what the division leaves, as the row's repair does.
         // Every part keeps the note's values; the breath and the slur come after the last.
-        const auto count = static_cast<std::int64_t>(syl.size());
-        const std::int64_t each = std::max<std::int64_t>(1, n.duration / count);
+        const std::int64_t each = std::max<std::int64_t>(1, (end - n.tick) / count);
         NoteEvent& first = notes.mutableAt(i);
         first.duration = each;
         first.lyric = syl[0];
@@ -258,7 +279,7 @@ class Cleaner {
         for (std::int64_t k = 1; k < count; ++k) {
           const std::int64_t tick = addTicks(n.tick, k * each);
           const std::int64_t duration =
-              k + 1 == count ? std::max<std::int64_t>(1, n.endTick() - tick) : each;
+              k + 1 == count ? std::max<std::int64_t>(1, end - tick) : each;
           const bool last = k + 1 == count;
           notes.insert(i + static_cast<std::size_t>(k),
                        NoteEvent::make(Uuid::random(), tick, duration, n.pitch, n.velocity,
@@ -268,6 +289,8 @@ class Cleaner {
         record(kSplit, n, t, n.lyric, joined(syl));
         i += syl.size() - 1;
       }
+      // The parts went in after the split note, ahead of a chord partner at its tick.
+      sortByTick(notes);
     });
   }
 
@@ -569,62 +592,70 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
     return Rewrite{std::move(lyric)};
   };
 
-  if (o.nfcNormalize)
-    c.lyricPass(kNfc,
-                [&](const NoteEvent& n) { return simple(text::composeVoicedMarks(n.lyric)); });
-  if (o.utauResidue) c.utauResidue();
-  if (o.unreadableKana)
-    c.lyricPass(kOldKana, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      if (auto s = replaceOldKana(n.lyric)) return Rewrite{*s};
-      return std::nullopt;
-    });
-  if (o.symbols)
-    c.lyricPass(kSymbols, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      if (auto reading = bracketReading(n.lyric)) return Rewrite{*reading, N_("読み仮名を採用")};
-      // What the score check offers for its symbol, ※ and ’ rows.
-      std::string s = withoutReadOverMarks(n.lyric);
-      // A lyric of symbols only is something the user typed on purpose; the check shows it.
-      if (text::trimWhitespaceAndNewlines(s).empty()) return std::nullopt;
-      return Rewrite{std::move(s)};
-    });
-  if (o.whitespace)
-    c.lyricPass(kWhitespace, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{text::withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
-    });
-  if (o.emojiControl)
-    c.lyricPass(kEmoji, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{text::withoutScalars(
-          n.lyric, [](char32_t ch) { return isInvisibleScalar(ch) || isEmojiScalar(ch); })};
-    });
-  if (o.halfWidthKana)
-    c.lyricPass(kHalfWidth, [&](const NoteEvent& n) { return simple(widenHalfKana(n.lyric)); });
-  if (o.kanjiToHiragana)
-    c.lyricPass(kKanji, [&](const NoteEvent& n) { return simple(kanjiToHiragana(n.lyric)); });
-  if (o.particleHa)
-    c.lyricPass(kParticle, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      if (n.lyric == "を") return Rewrite{"お"};
-      return std::nullopt;
-    });
-  if (o.foreignKana)
-    c.lyricPass(kForeign, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{katakanaLettersToHiragana(n.lyric), N_("カタカナ→ひらがな")};
-    });
-  if (o.standaloneChouon) c.standaloneChouon();
-  if (o.standaloneSokuon) c.standaloneSokuon();
-  if (o.standaloneYouon) c.standaloneYouon();
-  if (o.multiSyllable) c.multiSyllable();
-  if (o.zeroLength) c.veryShortNotes();
-  if (o.chordToMonophonic) c.chordToMonophonic();
-  if (o.overlap) c.overlap();
-  if (o.tieSlurConflict) c.tieSlurConflict();
-  MusicDocument& d = c.document();
-  if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, tempoText);
-  if (o.timeSigDedup)
-    c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
-  if (o.emptyHeadBars) c.emptyHeadBars();
-  c.ambiguous(policy, sungTrackIDs);
-
+  // One run must leave nothing for a second: a later pass can leave work for an earlier one
+  // (an automatic fix spells out a syllable the split then sees, an overlap cut leaves a very
+  // short note), so the passes go round again, at most a few times, until nothing changes.
+  for (int round = 0; round < 4; ++round) {
+    const MusicDocument before = c.document();
+    c.report().pendingDecisions.clear();
+    if (o.nfcNormalize)
+      c.lyricPass(kNfc,
+                  [&](const NoteEvent& n) { return simple(text::composeVoicedMarks(n.lyric)); });
+    if (o.utauResidue) c.utauResidue();
+    if (o.unreadableKana)
+      c.lyricPass(kOldKana, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        if (auto s = replaceOldKana(n.lyric)) return Rewrite{*s};
+        return std::nullopt;
+      });
+    if (o.symbols)
+      c.lyricPass(kSymbols, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        if (auto reading = bracketReading(n.lyric)) return Rewrite{*reading, N_("読み仮名を採用")};
+        // What the score check offers for its symbol, ※ and ’ rows.
+        std::string s = withoutReadOverMarks(n.lyric);
+        // A lyric of symbols only is something the user typed on purpose; the check shows it.
+        if (text::trimWhitespaceAndNewlines(s).empty()) return std::nullopt;
+        return Rewrite{std::move(s)};
+      });
+    if (o.whitespace)
+      c.lyricPass(kWhitespace, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        return Rewrite{text::withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
+      });
+    if (o.emojiControl)
+      c.lyricPass(kEmoji, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        return Rewrite{text::withoutScalars(
+            n.lyric, [](char32_t ch) { return isInvisibleScalar(ch) || isEmojiScalar(ch); })};
+      });
+    if (o.halfWidthKana)
+      c.lyricPass(kHalfWidth, [&](const NoteEvent& n) { return simple(widenHalfKana(n.lyric)); });
+    if (o.kanjiToHiragana)
+      c.lyricPass(kKanji, [&](const NoteEvent& n) { return simple(kanjiToHiragana(n.lyric)); });
+    if (o.particleHa)
+      c.lyricPass(kParticle, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        if (n.lyric == "を") return Rewrite{"お"};
+        return std::nullopt;
+      });
+    if (o.foreignKana)
+      c.lyricPass(kForeign, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        return Rewrite{katakanaLettersToHiragana(n.lyric), N_("カタカナ→ひらがな")};
+      });
+    if (o.standaloneChouon) c.standaloneChouon();
+    if (o.standaloneSokuon) c.standaloneSokuon();
+    if (o.standaloneYouon) c.standaloneYouon();
+    if (o.multiSyllable) c.multiSyllable();
+    if (o.zeroLength) c.veryShortNotes();
+    if (o.chordToMonophonic) c.chordToMonophonic();
+    if (o.overlap) c.overlap();
+    if (o.tieSlurConflict) c.tieSlurConflict();
+    MusicDocument& d = c.document();
+    if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, tempoText);
+    if (o.timeSigDedup)
+      c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
+    if (o.emptyHeadBars) c.emptyHeadBars();
+    c.ambiguous(policy, sungTrackIDs);
+    if (c.document() == before) break;
+  }
   CleanupReport& report = c.report();
+  MusicDocument& d = c.document();
   report.sungNotesBecameZero = sungBefore > 0 && sungNotes(d, sungTrackIDs) == 0;
   report.endTime = referenceSecondsNow();
   return {std::move(d), std::move(report)};

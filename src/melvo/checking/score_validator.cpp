@@ -217,9 +217,15 @@ void checkChords(TrackCheck& c) {
       } else {
         message = trf("%@：同じ時刻に音が %d つあります（%@）。どの音を歌いますか。",
                       {where, num(group.size()), pitches});
-        // Keeping another note keeps the sung lyric on it.
+        // Keeping another note keeps the sung lyric on it when its own would not be sung as
+        // well: none, one the engine cannot read, or a sound that leans on the note before.
+        auto readsAlone = [](const NoteEvent* e) {
+          const ReadingKind r = readingState(e->lyric).kind;
+          return (r == ReadingKind::readable || r == ReadingKind::partial) &&
+                 !startsWithSustain(e->lyric) && countPhonemes(e->lyric) <= 8;
+        };
         auto keep = [&](const NoteEvent* k) -> SuggestionAction {
-          if (k == sung || hasLyric(k) || !hasLyric(sung)) return removeAllBut(k);
+          if (k == sung || readsAlone(k) || !hasLyric(sung)) return removeAllBut(k);
           S::Sequence seq;
           seq.actions.emplace_back(S::SetLyrics{{{k->id, sung->lyric}}});
           seq.actions.emplace_back(removeAllBut(k));
@@ -229,10 +235,12 @@ void checkChords(TrackCheck& c) {
             suggestion(trf("先頭の音（%@）を歌う", {pitchName(sung->pitch)}), keep(sung)));
         const NoteEvent* high = byPitch.back();
         const NoteEvent* low = byPitch.front();
-        if (high->pitch != sung->pitch)
+        // A note too low for the engine is never offered: singing it stops the whole song.
+        const bool lowOk = sung->pitch < SynthesisGate::lowestPitch;
+        if (high->pitch != sung->pitch && (high->pitch >= SynthesisGate::lowestPitch || lowOk))
           fixes.push_back(
               suggestion(trf("いちばん高い音（%@）を歌う", {pitchName(high->pitch)}), keep(high)));
-        if (low->pitch != sung->pitch)
+        if (low->pitch != sung->pitch && (low->pitch >= SynthesisGate::lowestPitch || lowOk))
           fixes.push_back(
               suggestion(trf("いちばん低い音（%@）を歌う", {pitchName(low->pitch)}), keep(low)));
       }

@@ -20,10 +20,12 @@ bool isIn(char32_t c, std::initializer_list<char32_t> set) {
 
 // One note cut into its syllables, each on a note of its own: the first keeps its id, the
 // others are added with the same pitch.
-SuggestionAction splitAction(const NoteEvent& n, int track, const std::vector<std::string>& syl) {
+// `end` is where the note stops being sung (the next note's start when that comes first), so
+// no part lands past a later note and re-orders the line.
+SuggestionAction splitAction(const NoteEvent& n, int track, const std::vector<std::string>& syl,
+                             std::int64_t end) {
   const std::int64_t count = static_cast<std::int64_t>(syl.size());
-  const std::int64_t each = std::max<std::int64_t>(1, n.duration / count);
-  const std::int64_t end = n.endTick();
+  const std::int64_t each = std::max<std::int64_t>(1, (end - n.tick) / count);
   S::Sequence seq;
   seq.actions.emplace_back(S::SetTiming{{{n.id, n.tick, each}}});
   seq.actions.emplace_back(S::SetLyrics{{{n.id, syl[0]}}});
@@ -236,8 +238,9 @@ class NoteCheck {
     row.detail = tr(SynthesisGate::detailKey(SynthesisGate::Kind::tooManyPhonemes));
     const auto syl = splittableSyllables(note.lyric);
     if (syl.size() >= 2)
-      row.suggestions.push_back(suggestion(
-          trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}), splitAction(note, t, syl)));
+      row.suggestions.push_back(
+          suggestion(trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}),
+                     splitAction(note, t, syl, line.ends[i])));
   }
 
   // What the gate refuses: a lyric the engine cannot read at all.
@@ -752,8 +755,10 @@ class NoteCheck {
           !c.keepWhole.count(note.id)))
       return;
     // A lyric that cannot be cut (あゝ) is left to its unreadable-kana row.
+    // Nor one too short to give each syllable a 64th: its parts would be very short notes.
     const auto syl = splittableSyllables(note.lyric);
-    if (syl.size() >= 2) {
+    if (syl.size() >= 2 &&
+        (line.ends[i] - note.tick) / static_cast<std::int64_t>(syl.size()) >= c.th.sixtyFourth) {
       Issue& row = c.add(
           Cat::multiSyllable, Sev::warning, note.tick,
           trf("1つの音符に何音も入っている「%@」（%d 音節）", {shown(), num(syl.size())}), note.id);
@@ -764,8 +769,9 @@ class NoteCheck {
                      tr("音節ごとに歌わせる時は、音符を音節ごとに分けてください。「歌詞と音符を自"
                         "動で直す」の「1つの音符に入った何音かを、1音ずつの音符に分ける」でも分け"
                         "られます。つないで歌わせる時は、このままで構いません。")});
-      row.suggestions.push_back(suggestion(
-          trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}), splitAction(note, t, syl)));
+      row.suggestions.push_back(
+          suggestion(trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}),
+                     splitAction(note, t, syl, line.ends[i])));
     }
   }
 

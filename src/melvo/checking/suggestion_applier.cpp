@@ -9,6 +9,8 @@
 #include <utility>
 #include <variant>
 
+#include "melvo/checking/lyric_rules.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/i18n.h"
 
 namespace melvo {
@@ -60,6 +62,13 @@ void insertSorted(NoteList& notes, NoteEvent note) {
   std::size_t at = notes.size();
   while (at > 0 && notes[at - 1].tick > note.tick) --at;
   notes.insert(at, std::move(note));
+}
+
+// A lyric the engine reads wherever it stands, on a pitch it can sing.
+bool singsAlone(const NoteEvent& n) {
+  const ReadingKind r = readingState(n.lyric).kind;
+  return (r == ReadingKind::readable || r == ReadingKind::partial) && !startsWithSustain(n.lyric) &&
+         countPhonemes(n.lyric) <= 8 && n.pitch >= 23;
 }
 
 std::string timingText(std::int64_t tick, std::int64_t duration) {
@@ -138,8 +147,48 @@ class Applier {
   void removeNoteAt(const Place& p, const char* text) {
     NoteList& notes = doc_.tracks[static_cast<std::size_t>(p.track)].notes;
     const NoteEvent gone = notes[p.index];
+    // Where it stops sounding: its end, or the next note's start when that comes first.
+    std::int64_t end = gone.endTick();
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick > gone.tick) end = std::min(end, notes[i].tick);
+    // A rest where a chord's sung note was is a rest: the notes the writer never sang there
+    // go with it rather than step up and be sung in its place. A chord row chooses its notes
+    // itself.
+    std::vector<Uuid> silent;
+    if (row_.category != ValidationIssue::Category::chordAtSameTick) {
+      const std::int64_t ppq = doc_.ppq;
+      std::optional<std::size_t> sung;
+      for (std::size_t i = 0; i < notes.size(); ++i)
+        if (notes[i].tick == gone.tick &&
+            (!sung || sungRank(notes[i], ppq) < sungRank(notes[*sung], ppq)))
+          sung = i;
+      // The partner that would step up, unless it can be sung on its own: then it stays.
+      std::optional<std::size_t> next;
+      for (std::size_t i = 0; i < notes.size(); ++i)
+        if (i != p.index && notes[i].tick == gone.tick &&
+            (!next || sungRank(notes[i], ppq) < sungRank(notes[*next], ppq)))
+          next = i;
+      if (sung == p.index && next && !singsAlone(notes[*next]))
+        for (std::size_t i = 0; i < notes.size(); ++i)
+          if (i != p.index && notes[i].tick == gone.tick) silent.push_back(notes[i].id);
+    }
     log(gone, p.track, gone.lyric, tr(text));
     notes.erase(p.index);
+    for (const Uuid& id : silent)
+      if (auto q = locate(doc_, id, p.track)) removeNoteAt(*q, "(削除)");
+    // A ー that held this note on has nothing left to hold: after a rest the engine would
+    // refuse it, so it becomes part of the rest.
+    std::optional<std::size_t> sounding;  // the note that now runs into `end`, if any
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick < end && (!sounding || notes[i].tick >= notes[*sounding].tick))
+        sounding = i;
+    if (sounding && notes[*sounding].endTick() >= end) return;
+    std::optional<std::size_t> held;
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick == end &&
+          (!held || sungRank(notes[i], doc_.ppq) < sungRank(notes[*held], doc_.ppq)))
+        held = i;
+    if (held && isOnlyChouon(notes[*held].lyric)) removeNoteAt({p.track, *held}, "(休符)");
   }
 
   void run(const S::SetLyric& a) {
