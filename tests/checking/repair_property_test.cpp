@@ -137,10 +137,17 @@ std::string describe(const MusicDocument& d) {
   return os.str();
 }
 
-std::vector<Uuid> sungOf(const MusicDocument& d) {
-  std::vector<Uuid> out;
-  for (int i : d.voicedTrackIndices(false)) out.push_back(d.tracks[static_cast<std::size_t>(i)].id);
-  return out;
+// The tracks a render of the generated song sings. Kept from the original song: a repair
+// that empties the sung track must not make another track the sung one.
+std::vector<Uuid> sungSet;
+std::vector<Uuid> sungOf(const MusicDocument&) {
+  return sungSet;
+}
+void singAsGenerated(const MusicDocument& d) {
+  sungSet.clear();
+  for (int i : d.voicedTrackIndices(false))
+    sungSet.push_back(d.tracks[static_cast<std::size_t>(i)].id);
+  if (sungSet.empty() && !d.tracks.empty()) sungSet.push_back(d.tracks[0].id);
 }
 
 std::map<Uuid, NoteEvent> notesOf(const MusicDocument& d) {
@@ -221,6 +228,7 @@ class RepairPropertyOverSongs : public ::testing::Test {
 TEST_F(RepairPropertyOverSongs, EveryRepairLeavesTheSongNoWorse) {
   for (unsigned seed : seeds()) {
     const MusicDocument d = SongMaker(seed).song();
+    singAsGenerated(d);
     SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + describe(d));
     const auto errorsBefore = errors(d);
     const auto refusalsBefore = refusals(d, d);
@@ -247,6 +255,7 @@ TEST_F(RepairPropertyOverSongs, CleanupIsDoneInOneRunAndKeepsItsWord) {
                              CleanupDecision::autoFix};
   for (unsigned seed : seeds()) {
     const MusicDocument d = SongMaker(seed).song();
+    singAsGenerated(d);
     for (const auto& [options, policy] :
          {std::pair{CleanupOptions{}, CleanupPolicy{}}, std::pair{all, fixAll}}) {
       SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + describe(d));

@@ -85,6 +85,14 @@ bool pairsWith(std::string_view before, std::string_view youon) {
   return last != 0 && !youon.empty() && kana::lookupPair(last, text::nextScalar(youon, k));
 }
 
+// A note the engine sings wherever it stands: a lyric it reads that leans on nothing, on a
+// pitch it survives.
+bool singsAlone(const NoteEvent& n) {
+  const ReadingKind r = readingState(n.lyric).kind;
+  return (r == ReadingKind::readable || r == ReadingKind::partial) && !startsWithSustain(n.lyric) &&
+         countPhonemes(n.lyric) <= 8 && n.pitch >= 23;
+}
+
 std::string joined(const std::vector<std::string>& parts) {
   std::string out;
   for (std::size_t k = 0; k < parts.size(); ++k) out += (k ? "／" : "") + parts[k];
@@ -174,8 +182,23 @@ class Cleaner {
         }
         std::optional<std::string> s = withoutUtauMarks(n.lyric);
         if (!s) {
+          // A rest: the chord notes the writer dropped under it go too unless they can be
+          // sung in its place (a lyric of their own, a pitch the engine sings).
+          std::vector<Uuid> silent;
+          if (isSungAtItsTick(notes, i))
+            for (std::size_t k = 0; k < notes.size(); ++k)
+              if (k != i && notes[k].tick == n.tick && !singsAlone(notes[k]))
+                silent.push_back(notes[k].id);
           record(kUtau, n, t, n.lyric, tr("(休符)"));
           notes.erase(i);
+          for (const Uuid& id : silent)
+            for (std::size_t k = 0; k < notes.size(); ++k)
+              if (notes[k].id == id) {
+                record(kUtau, notes[k], t, notes[k].lyric, tr("(削除)"));
+                notes.erase(k);
+                if (k < i) --i;
+                break;
+              }
           continue;
         }
         if (*s != n.lyric) {

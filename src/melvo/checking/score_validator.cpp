@@ -155,6 +155,14 @@ bool isLyricLossNotice(const ImportNotice& n) {
          std::end(kKeys);
 }
 
+// A lyric the engine reads wherever the note stands: not one it cannot read, nor a sound
+// that leans on the note before, nor too many phonemes.
+bool readsAlone(const NoteEvent* e) {
+  const ReadingKind r = readingState(e->lyric).kind;
+  return (r == ReadingKind::readable || r == ReadingKind::partial) &&
+         !startsWithSustain(e->lyric) && countPhonemes(e->lyric) <= 8;
+}
+
 void checkChords(TrackCheck& c) {
   const TrackLine& line = c.line;
   const std::size_t n = line.notes.size();
@@ -194,7 +202,9 @@ void checkChords(TrackCheck& c) {
       std::vector<std::string> offered{lyricForExport(sung->lyric)};
       for (const auto* e : group) {
         std::string lyric = lyricForExport(e->lyric);
-        if (lyric.empty() || std::find(offered.begin(), offered.end(), lyric) != offered.end())
+        // Only lyrics the engine sings there, unless the one sung now is no better.
+        if (lyric.empty() || std::find(offered.begin(), offered.end(), lyric) != offered.end() ||
+            (!readsAlone(e) && readsAlone(sung)))
           continue;
         offered.push_back(lyric);
         fixes.push_back(
@@ -219,11 +229,6 @@ void checkChords(TrackCheck& c) {
                       {where, num(group.size()), pitches});
         // Keeping another note keeps the sung lyric on it when its own would not be sung as
         // well: none, one the engine cannot read, or a sound that leans on the note before.
-        auto readsAlone = [](const NoteEvent* e) {
-          const ReadingKind r = readingState(e->lyric).kind;
-          return (r == ReadingKind::readable || r == ReadingKind::partial) &&
-                 !startsWithSustain(e->lyric) && countPhonemes(e->lyric) <= 8;
-        };
         auto keep = [&](const NoteEvent* k) -> SuggestionAction {
           if (k == sung || readsAlone(k) || !hasLyric(sung)) return removeAllBut(k);
           S::Sequence seq;

@@ -492,8 +492,9 @@ class NoteCheck {
         suggestion(trf("前の音を伸ばして隙間を詰める（%dtk）", {num(gap)}),
                    S::SetTiming{{{prev->id, prev->tick, note.tick - prev->tick}}}));
     const std::string exported = lyricForExport(note.lyric);
-    if (gap > c.th.thirtySecond && !text::startsWith(exported, "っ") &&
-        !text::startsWith(exported, "ッ"))
+    // Not on an empty lyric (a lone っ heading a phrase), nor where っ would be a ninth phoneme.
+    if (gap > c.th.thirtySecond && !exported.empty() && !text::startsWith(exported, "っ") &&
+        !text::startsWith(exported, "ッ") && countPhonemes("っ" + exported) <= 8)
       row.suggestions.push_back(
           suggestion(trf("「っ」を歌詞に追加（%@→っ%@）", {shown(), shown()}), S::PrependSokuon{}));
     if (!prev->hasBreathAfter)
@@ -608,6 +609,14 @@ class NoteCheck {
                      tr("直す時は、ピアノロールでこの音を "
                         "32分音符以上に伸ばすか、前後の音とまとめてください。")});
     }
+    // A note that shares its tick with chord notes the writer drops keeps its start: moved,
+    // it would leave them to be sung in its place.
+    bool chordInRun = false;
+    for (std::size_t k = s; k < runEnd; ++k) {
+      const std::size_t j = sungIdx[k];
+      chordInRun |= j + 1 < line.notes.size() && line.ticks[j + 1] == line.ticks[j];
+    }
+    if (chordInRun) return;
     auto widened = [&](std::int64_t start) {
       S::SetTiming timing;
       for (std::size_t k = s; k < runEnd; ++k)
