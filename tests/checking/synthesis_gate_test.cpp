@@ -221,6 +221,25 @@ TEST(GateLog, BothLanguagesAndTheAddedRestBar) {
   EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, {1, std::nullopt}, true), std::nullopt);
 }
 
+// The stand-in engine's own lines: the added rest bar, then the note it stopped on. In a bar
+// with two ー the hit is the one the engine cannot read (after a rest), and a pitch it names
+// picks the note of that pitch rather than the bar's first.
+TEST(GateLog, StandInLinesPointAtTheNoteThatFailed) {
+  const auto log = SynthesisGate::parseLog({"Added a rest to the first measure",
+                                            "Undefined lyric `ー` in measure 3",
+                                            "Error: note pitch 20 is out of range in measure 3"});
+  ASSERT_TRUE(log.restAdded);
+  ASSERT_EQ(log.hits.size(), 2u);
+  EXPECT_EQ(log.hits[1], (SynthesisGate::LogHit{3, std::nullopt, 20}));
+  auto d = song({note(1920, 480, "か"), note(2400, 480, "ー"), note(3360, 480, "ー"),
+                 note(3840, 480, "さ", 20)});
+  const auto& notes = d.tracks[0].notes;
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, log.hits[0], true), notes[2].id);
+  // No note of that pitch in the bar: its first note.
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, log.hits[1], true), notes[0].id);
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, {4, std::nullopt, 20}, true), notes[3].id);
+}
+
 TEST(GateVoices, RangeFromTheModelWithFallbackAndCache) {
   test::TempDir engine;
   std::filesystem::create_directories(engine.path() / "model" / "A");
