@@ -18,6 +18,7 @@
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/json.h"
 #include "melvo/platform/text.h"
+#include "melvo/synthesis/neutrino_config.h"
 
 namespace melvo::cli {
 namespace {
@@ -91,6 +92,22 @@ void printHuman(const MusicDocument& d, const std::vector<ValidationIssue>& rows
   std::printf("%s\n", trf("エラー %d・警告 %d・情報 %d",
                           {std::to_string(errors), std::to_string(warnings), std::to_string(infos)})
                           .c_str());
+}
+
+// The ranges of the voices a render would use: the engine folder of the settings unless
+// --engine names another, each track's own voice or else the voice of the settings.
+std::unordered_map<Uuid, VoiceRange::Range> voiceRanges(const MusicDocument& d,
+                                                        const std::string& engine) {
+  const NEUTRINOConfig config = NEUTRINOConfig::load().value_or(NEUTRINOConfig{});
+  const std::filesystem::path folder = engine.empty() ? config.neutrinoDirectory : engine;
+  std::unordered_map<Uuid, VoiceRange::Range> out;
+  if (folder.empty()) return out;
+  for (const MusicTrack& t : d.tracks) {
+    const std::string& voice =
+        t.characterName.empty() ? config.selectedCharacterName : t.characterName;
+    if (auto r = SynthesisGate::voiceRange(folder, voice)) out.emplace(t.id, *r);
+  }
+  return out;
 }
 
 // "3.2" to the row and suggestion, both counted from 1 as the list prints them.
@@ -187,8 +204,7 @@ const bool registered = registerCommand(
            // As a render would: the voiced audible tracks, else the one the export would pick.
            for (int i : d.voicedTrackIndices(false)) sung.push_back(d.tracks[i].id);
          }
-         std::unordered_map<Uuid, VoiceRange::Range> ranges;
-         if (!opts->engine.empty()) ranges = SynthesisGate::voiceRanges(d, opts->engine);
+         const auto ranges = voiceRanges(d, opts->engine);
          auto rows = validate(d, sung, ranges, {}, options);
          if (!opts->apply.empty() || !opts->out.empty()) {
            if (opts->apply.empty() || opts->out.empty()) {

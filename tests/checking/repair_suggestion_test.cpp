@@ -7,6 +7,7 @@
 
 #include "checking/score_validator_support.h"
 #include "melvo/checking/cleanup_engine.h"
+#include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/suggestion_applier.h"
 #include "melvo/editing/piano_roll_view_model.h"
 #include "melvo/editing/suggestion_applier_commit.h"
@@ -154,6 +155,11 @@ TEST_P(RepairProperty, EveryRepairAppliesAndKeepsItsPromise) {
         auto it = newNotes.find(id);
         const bool changed = it == newNotes.end() || !(it->second == old);
         if (!changed || named.count(id)) continue;
+        // A ー that held a note made a rest goes with it, with its own log line.
+        bool heldGone = false;
+        for (const auto& line : result.log)
+          heldGone |= it == newNotes.end() && line.noteID == id && isOnlyChouon(old.lyric);
+        if (heldGone) continue;
         // Its label names the note before the row's note.
         EXPECT_TRUE(breathOnPrevious(sug.action) && it != newNotes.end() &&
                     it->second.hasBreathAfter && !old.hasBreathAfter)

@@ -132,8 +132,11 @@ TEST_F(LyricRows, ClassRowsForMarksDigitsAndInvisibleCharacters) {
   EXPECT_EQ(invisible[0].severity, Sev::warning);
   EXPECT_EQ(invisible[0].message, "歌詞「か<U+200B>き」に見えない制御文字");
   EXPECT_EQ(invisible[1].severity, Sev::error);  // nothing left to sing
-  // The invisible scalar is not also reported as a foreign character.
-  EXPECT_TRUE(rowsOf(rows, Cat::invalidLyricChars).empty());
+  // The invisible scalar is not also reported as a foreign character; the digit, which the
+  // engine cannot read at all, is also named as unreadable.
+  auto unreadable = rowsOf(rows, Cat::invalidLyricChars);
+  ASSERT_EQ(unreadable.size(), 1u);
+  EXPECT_EQ(unreadable[0].message, "NEUTRINO が読めない歌詞「1」");
 }
 
 TEST_F(LyricRows, PhonemeLyricsAreOneTrackRow) {

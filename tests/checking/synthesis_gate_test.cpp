@@ -128,14 +128,15 @@ TEST(GateProblems, RefusalNamesTheNotes) {
   test::JapaneseTexts ja;
   auto d = song({note(0, 480, "か", 22), note(480, 480, "さ", 23), note(960, 480, "！")});
   auto problems = SynthesisGate::problems(d, {});
+  // Lyric kinds first, then the pitches.
   ASSERT_EQ(problems.size(), 2u);
-  EXPECT_EQ(problems[0].kind, Kind::pitchTooLow);
-  EXPECT_EQ(problems[0].text, "音が低すぎて NEUTRINO が止まります（A#0。B0 以上にしてください）");
-  EXPECT_EQ(problems[1].kind, Kind::undefinedLyric);
+  EXPECT_EQ(problems[0].kind, Kind::undefinedLyric);
+  EXPECT_EQ(problems[1].kind, Kind::pitchTooLow);
+  EXPECT_EQ(problems[1].text, "音が低すぎて NEUTRINO が止まります（A#0。B0 以上にしてください）");
   EXPECT_EQ(SynthesisGate::refusal(problems),
             "NEUTRINO が歌えない音が 2 "
             "音あります。このまま合成すると曲全体が失敗するため、合成を止めました。");
-  problems.erase(problems.begin());
+  problems.pop_back();
   std::string list = SynthesisGate::refusalWithList(problems);
   EXPECT_EQ(list.rfind("NEUTRINO が歌えない歌詞が 1 音あります。", 0), 0u);
   EXPECT_NE(list.find("\nTr.1 1小節目3拍  ！  読めない歌詞\n"), std::string::npos);
@@ -218,6 +219,25 @@ TEST(GateLog, BothLanguagesAndTheAddedRestBar) {
   // The engine counted its added rest bar: its bar 5 is our bar 4.
   EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, japanese.hits[0], true), notes[0].id);
   EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, {1, std::nullopt}, true), std::nullopt);
+}
+
+// The stand-in engine's own lines: the added rest bar, then the note it stopped on. In a bar
+// with two ー the hit is the one the engine cannot read (after a rest), and a pitch it names
+// picks the note of that pitch rather than the bar's first.
+TEST(GateLog, StandInLinesPointAtTheNoteThatFailed) {
+  const auto log = SynthesisGate::parseLog({"Added a rest to the first measure",
+                                            "Undefined lyric `ー` in measure 3",
+                                            "Error: note pitch 20 is out of range in measure 3"});
+  ASSERT_TRUE(log.restAdded);
+  ASSERT_EQ(log.hits.size(), 2u);
+  EXPECT_EQ(log.hits[1], (SynthesisGate::LogHit{3, std::nullopt, 20}));
+  auto d = song({note(1920, 480, "か"), note(2400, 480, "ー"), note(3360, 480, "ー"),
+                 note(3840, 480, "さ", 20)});
+  const auto& notes = d.tracks[0].notes;
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, log.hits[0], true), notes[2].id);
+  // No note of that pitch in the bar: its first note.
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, log.hits[1], true), notes[0].id);
+  EXPECT_EQ(SynthesisGate::noteForLogHit(d, 0, {4, std::nullopt, 20}, true), notes[3].id);
 }
 
 TEST(GateVoices, RangeFromTheModelWithFallbackAndCache) {

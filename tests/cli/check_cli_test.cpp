@@ -3,6 +3,7 @@
 
 #include "checking/score_validator_support.h"
 #include "melvo/model/project_file.h"
+#include "melvo/synthesis/neutrino_config.h"
 #include "support/test_support.h"
 
 namespace melvo {
@@ -62,6 +63,27 @@ TEST(CheckCommand, EngineFolderGivesVoiceRanges) {
   EXPECT_EQ(model.status, 0);
   EXPECT_TRUE(has(model.out, "\"category\" : \"outOfRange\"")) << model.out;
   EXPECT_TRUE(has(model.out, "singable range of V (C4 to C5)")) << model.out;
+}
+
+// Without --engine the check reads the ranges of the configured engine, as a render sings:
+// a track without a voice of its own with the voice of the settings. The model's file may
+// begin with a byte-order mark.
+TEST(CheckCommand, ConfiguredEngineGivesVoiceRanges) {
+  test::TempHome home;
+  test::TempDir dir;
+  const auto engine = dir.path() / "engine";
+  std::filesystem::create_directories(engine / "model" / "V");
+  test::writeText(engine / "model" / "V" / "info.toml",
+                  "\xEF\xBB\xBF"
+                  "bottom_key = \"C4\"\ntop_key = \"C5\"\n");
+  NEUTRINOConfig config;
+  config.neutrinoDirectory = engine.string();
+  config.selectedCharacterName = "V";
+  config.save();
+  writeProject(test::song({note(0, 480, "か", 50)}), dir / "v.nsproj");
+  auto run = test::runMelvo({"check", (dir / "v.nsproj").string(), "--json"}, {"LANGUAGE=en"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(has(run.out, "singable range of V (C4 to C5)")) << run.out;
 }
 
 }  // namespace

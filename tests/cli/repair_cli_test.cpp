@@ -65,5 +65,29 @@ TEST(RepairCommands, FixFollowsTheStoredDecisions) {
   EXPECT_EQ(readProject(out).tracks[0].notes[1].velocity, 100);
 }
 
+// `melvo check` on what `melvo fix` wrote shows no row of a kind the clean-up repairs and no
+// error: あゝ is not split into a lone ゝ, かー is not spelled かあ and split.
+TEST(RepairCommands, CheckAfterFixShowsNothingTheFixRepairs) {
+  test::TempHome home;
+  test::TempDir dir;
+  std::vector<NoteEvent> notes;
+  std::int64_t tick = 0;
+  for (const char* lyric :
+       {"あ強", "か！", "※か", "き’", "ｶ", "か\u200B", "ねこ", "あゝ", "かー"}) {
+    notes.push_back(note(tick, 480, lyric));
+    tick += 960;
+  }
+  writeProject(test::song(std::move(notes)), dir / "in.nsproj");
+  const auto in = (dir / "in.nsproj").string(), out = (dir / "out.nsproj").string();
+  ASSERT_EQ(test::runMelvo({"check", in}).status, 1);  // ※か cannot be read at all
+  ASSERT_EQ(test::runMelvo({"fix", in, out}).status, 0);
+  const auto checked = test::runMelvo({"check", out, "--json"});
+  EXPECT_EQ(checked.status, 0) << checked.out;
+  for (const char* category : {"utauResidue", "symbols", "emojiControl", "multiSyllable"})
+    EXPECT_EQ(checked.out.find(std::string("\"category\" : \"") + category + "\""),
+              std::string::npos)
+        << checked.out;
+}
+
 }  // namespace
 }  // namespace melvo

@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "melvo/checking/kana_table.h"
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/model/bar_ruler.h"
@@ -76,6 +77,22 @@ bool holdsOn(std::string_view earlier, std::string_view later) {
   return vowel && form == *vowel && !syllables.empty() && syllables.back() != form;
 }
 
+// Whether small `youon` makes one entry of the kana table with the last kana of `before`.
+bool pairsWith(std::string_view before, std::string_view youon) {
+  char32_t last = 0;
+  for (std::size_t i = 0; i < before.size();) last = text::nextScalar(before, i);
+  std::size_t k = 0;
+  return last != 0 && !youon.empty() && kana::lookupPair(last, text::nextScalar(youon, k));
+}
+
+// A note the engine sings wherever it stands: a lyric it reads that leans on nothing, on a
+// pitch it survives.
+bool singsAlone(const NoteEvent& n) {
+  const ReadingKind r = readingState(n.lyric).kind;
+  return (r == ReadingKind::readable || r == ReadingKind::partial) && !startsWithSustain(n.lyric) &&
+         countPhonemes(n.lyric) <= 8 && n.pitch >= 23;
+}
+
 std::string joined(const std::vector<std::string>& parts) {
   std::string out;
   for (std::size_t k = 0; k < parts.size(); ++k) out += (k ? "／" : "") + parts[k];
@@ -107,15 +124,27 @@ class Cleaner {
     report_.keepWhole = std::move(keepWhole);
     // The passes compare each note with its neighbour in time; a song whose notes were
     // stored out of order (an importer, an agent) must not slip past them.
-    for (auto& t : doc_.tracks) {
-      if (std::is_sorted(t.notes.begin(), t.notes.end(),
-                         [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; }))
-        continue;
-      std::vector<NoteEvent> sorted(t.notes.begin(), t.notes.end());
-      std::stable_sort(sorted.begin(), sorted.end(),
-                       [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
-      t.notes.assign(std::move(sorted));
-    }
+    for (auto& t : doc_.tracks) sortByTick(t.notes);
+  }
+
+  // Whether the writer sings notes[i] rather than another note starting with it. A chord
+  // note it drops is left for the chord pass: split, its later parts would be sung.
+  bool isSungAtItsTick(const NoteList& notes, std::size_t i) const {
+    const int rank = sungRank(notes[i], doc_.ppq);
+    for (std::size_t k = i; k-- > 0 && notes[k].tick == notes[i].tick;)
+      if (sungRank(notes[k], doc_.ppq) <= rank) return false;
+    for (std::size_t k = i + 1; k < notes.size() && notes[k].tick == notes[i].tick; ++k)
+      if (sungRank(notes[k], doc_.ppq) < rank) return false;
+    return true;
+  }
+
+  // Stable, so that notes at one tick keep the order the chord rule reads.
+  static void sortByTick(NoteList& notes) {
+    auto earlier = [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; };
+    if (std::is_sorted(notes.begin(), notes.end(), earlier)) return;
+    std::vector<NoteEvent> sorted(notes.begin(), notes.end());
+    std::stable_sort(sorted.begin(), sorted.end(), earlier);
+    notes.assign(std::move(sorted));
   }
 
   // A pass that only rewrites lyrics: `rewrite` gives the new lyric, or nothing to keep it.
@@ -153,8 +182,23 @@ class Cleaner {
         }
         std::optional<std::string> s = withoutUtauMarks(n.lyric);
         if (!s) {
+          // A rest: the chord notes the writer dropped under it go too unless they can be
+          // sung in its place (a lyric of their own, a pitch the engine sings).
+          std::vector<Uuid> silent;
+          if (isSungAtItsTick(notes, i))
+            for (std::size_t k = 0; k < notes.size(); ++k)
+              if (k != i && notes[k].tick == n.tick && !singsAlone(notes[k]))
+                silent.push_back(notes[k].id);
           record(kUtau, n, t, n.lyric, tr("(休符)"));
           notes.erase(i);
+          for (const Uuid& id : silent)
+            for (std::size_t k = 0; k < notes.size(); ++k)
+              if (notes[k].id == id) {
+                record(kUtau, notes[k], t, notes[k].lyric, tr("(削除)"));
+                notes.erase(k);
+                if (k < i) --i;
+                break;
+              }
           continue;
         }
         if (*s != n.lyric) {
@@ -171,7 +215,7 @@ class Cleaner {
     begin(kChouon);
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 1; i < notes.size(); ++i) {
-        if (lyricForExport(notes[i].lyric) != "ー") continue;
+        if (!isOnlyChouon(notes[i].lyric)) continue;
         const auto morae = splitMorae(lyricForExport(notes[i - 1].lyric));
         if (morae.empty()) continue;
         const auto vowel = vowelOf(morae.back());
@@ -208,8 +252,11 @@ class Cleaner {
       for (std::size_t i = 1; i < notes.size();) {
         const std::string l = lyricForExport(notes[i].lyric);
         const NoteEvent& prev = notes[i - 1];
+        // Only onto a note it touches, which it pairs with: joined over a rest or after a
+        // kana it forms no table entry with, it would be a wrong small kana in its turn.
         if (!isCharacterIn(l, youonCharacters) || prev.pitch != notes[i].pitch ||
-            prev.tick >= notes[i].tick || lyricForExport(prev.lyric).empty()) {
+            prev.tick >= notes[i].tick || prev.endTick() < notes[i].tick ||
+            !pairsWith(lyricForExport(prev.lyric), l)) {
           ++i;
           continue;
         }
@@ -230,29 +277,43 @@ class Cleaner {
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 0; i < notes.size(); ++i) {
         const NoteEvent n = notes[i];
-        if (report_.keepWhole.count(n.id)) continue;
-        const std::string form = lyricForExport(n.lyric);
-        if (!isAllKana(form)) continue;
-        const auto syl = groupSyllables(form);
-        if (syl.size() < 2) continue;
-        // Equal parts, the last taking what the division leaves, as the row's repair does.
+        if (report_.keepWhole.count(n.id) || !isSungAtItsTick(notes, i)) continue;
+        const auto syl = splittableSyllables(n.lyric);
+        // The sung length: up to the next note's start when that comes first, so that no
+        // part lands past a later note.
+        std::int64_t end = n.endTick();
+        for (std::size_t k = i + 1; k < notes.size(); ++k)
+          if (notes[k].tick > n.tick) {
+            end = std::min(end, notes[k].tick);
+            break;
+          }
+        // Parts shorter than a 64th would be merged straight back by the very-short pass.
         const auto count = static_cast<std::int64_t>(syl.size());
-        const std::int64_t each = std::max<std::int64_t>(1, n.duration / count);
+        if (count < 2 || (end - n.tick) / count < veryShortBelow(doc_.ppq)) continue;
+        // Equal parts, the last taking what the division leaves, as the row's repair does.
+        // Every part keeps the note's values; the breath and the slur come after the last.
+        const std::int64_t each = std::max<std::int64_t>(1, (end - n.tick) / count);
         NoteEvent& first = notes.mutableAt(i);
         first.duration = each;
         first.lyric = syl[0];
         first.sourcePhonemes.reset();
+        first.hasBreathAfter = false;
+        first.slurToNext = false;
         for (std::int64_t k = 1; k < count; ++k) {
           const std::int64_t tick = addTicks(n.tick, k * each);
           const std::int64_t duration =
-              k + 1 == count ? std::max<std::int64_t>(1, n.endTick() - tick) : each;
+              k + 1 == count ? std::max<std::int64_t>(1, end - tick) : each;
+          const bool last = k + 1 == count;
           notes.insert(i + static_cast<std::size_t>(k),
                        NoteEvent::make(Uuid::random(), tick, duration, n.pitch, n.velocity,
-                                       syl[static_cast<std::size_t>(k)]));
+                                       syl[static_cast<std::size_t>(k)], last && n.slurToNext,
+                                       last && n.hasBreathAfter));
         }
         record(kSplit, n, t, n.lyric, joined(syl));
         i += syl.size() - 1;
       }
+      // The parts went in after the split note, ahead of a chord partner at its tick.
+      sortByTick(notes);
     });
   }
 
@@ -263,38 +324,47 @@ class Cleaner {
     auto tiny = [&](const NoteEvent& n) { return n.duration < veryShortBelow(ppq); };
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 0; i < notes.size();) {
-        if (!tiny(notes[i])) {
+        if (tiny(notes[i]) && lyricForExport(notes[i].lyric).empty()) {
+          record(kTinyDeleted, notes[i], t, notes[i].lyric, tr("(削除)"));
+          notes.erase(i);
+        } else {
+          ++i;
+        }
+      }
+      // A run of tiny sung notes, as the check counts one (gaps of at most a tick), becomes
+      // one note when the engine can read the whole; else every part stays as it was, since
+      // a run merged only in part still sings the same tiny notes. Notes apart stay apart:
+      // joining them would make one long note over the rest between them.
+      for (std::size_t i = 0; i < notes.size();) {
+        std::size_t j = i + 1;
+        if (tiny(notes[i]))
+          while (j < notes.size() && tiny(notes[j]) && notes[j].tick - notes[j - 1].endTick() <= 1)
+            ++j;
+        if (j == i + 1) {
           ++i;
           continue;
         }
-        if (lyricForExport(notes[i].lyric).empty()) {
-          record(kTinyDeleted, notes[i], t, notes[i].lyric, tr("(削除)"));
-          notes.erase(i);
+        std::vector<std::string> parts;
+        std::string lyric;
+        std::int64_t end = notes[i].endTick();
+        for (std::size_t k = i; k < j; ++k) {
+          parts.push_back(notes[k].lyric);
+          lyric += notes[k].lyric;
+          end = std::max(end, notes[k].endTick());
+        }
+        if (countPhonemes(lyric) > 8) {
+          i = j;
           continue;
         }
-        // Join the tiny sung notes that follow on without a rest, as the check counts a run
-        // (gaps of at most a tick), while the engine can still read the whole. Notes apart
-        // stay apart: joining them would make one long note over the rest between them.
-        std::vector<std::string> parts{notes[i].lyric};
-        std::string lyric = notes[i].lyric;
-        std::int64_t end = notes[i].endTick();
-        std::size_t j = i + 1;
-        while (j < notes.size() && tiny(notes[j]) && notes[j].tick - notes[j - 1].endTick() <= 1 &&
-               !lyricForExport(notes[j].lyric).empty() &&
-               countPhonemes(lyric + notes[j].lyric) <= 8) {
-          lyric += notes[j].lyric;
-          parts.push_back(notes[j].lyric);
-          end = std::max(end, notes[j].endTick());
-          ++j;
-        }
-        if (j > i + 1) {
-          NoteEvent& n = notes.mutableAt(i);
-          record(kTinyMerged, n, t, joined(parts), lyric);
-          n.lyric = lyric;
-          n.duration = std::max<std::int64_t>(1, end - n.tick);
-          n.sourcePhonemes.reset();
-          for (std::size_t k = j; k-- > i + 1;) notes.erase(k);
-        }
+        NoteEvent& n = notes.mutableAt(i);
+        record(kTinyMerged, n, t, joined(parts), lyric);
+        n.lyric = lyric;
+        n.duration = std::max<std::int64_t>(1, end - n.tick);
+        n.sourcePhonemes.reset();
+        // The last part's breath and slur end the merged note.
+        n.hasBreathAfter = notes[j - 1].hasBreathAfter;
+        n.slurToNext = notes[j - 1].slurToNext;
+        for (std::size_t k = j; k-- > i + 1;) notes.erase(k);
         ++i;
       }
     });
@@ -545,62 +615,70 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
     return Rewrite{std::move(lyric)};
   };
 
-  if (o.nfcNormalize)
-    c.lyricPass(kNfc,
-                [&](const NoteEvent& n) { return simple(text::composeVoicedMarks(n.lyric)); });
-  if (o.utauResidue) c.utauResidue();
-  if (o.unreadableKana)
-    c.lyricPass(kOldKana, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      if (auto s = replaceOldKana(n.lyric)) return Rewrite{*s};
-      return std::nullopt;
-    });
-  if (o.symbols)
-    c.lyricPass(kSymbols, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      if (auto reading = bracketReading(n.lyric)) return Rewrite{*reading, N_("読み仮名を採用")};
-      // What the score check offers for its symbol, ※ and ’ rows.
-      std::string s = withoutReadOverMarks(n.lyric);
-      // A lyric of symbols only is something the user typed on purpose; the check shows it.
-      if (text::trimWhitespaceAndNewlines(s).empty()) return std::nullopt;
-      return Rewrite{std::move(s)};
-    });
-  if (o.whitespace)
-    c.lyricPass(kWhitespace, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{text::withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
-    });
-  if (o.emojiControl)
-    c.lyricPass(kEmoji, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{text::withoutScalars(
-          n.lyric, [](char32_t ch) { return isInvisibleScalar(ch) || isEmojiScalar(ch); })};
-    });
-  if (o.halfWidthKana)
-    c.lyricPass(kHalfWidth, [&](const NoteEvent& n) { return simple(widenHalfKana(n.lyric)); });
-  if (o.kanjiToHiragana)
-    c.lyricPass(kKanji, [&](const NoteEvent& n) { return simple(kanjiToHiragana(n.lyric)); });
-  if (o.particleHa)
-    c.lyricPass(kParticle, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      if (n.lyric == "を") return Rewrite{"お"};
-      return std::nullopt;
-    });
-  if (o.foreignKana)
-    c.lyricPass(kForeign, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{katakanaToHiragana(n.lyric), N_("カタカナ→ひらがな")};
-    });
-  if (o.standaloneChouon) c.standaloneChouon();
-  if (o.standaloneSokuon) c.standaloneSokuon();
-  if (o.standaloneYouon) c.standaloneYouon();
-  if (o.multiSyllable) c.multiSyllable();
-  if (o.zeroLength) c.veryShortNotes();
-  if (o.chordToMonophonic) c.chordToMonophonic();
-  if (o.overlap) c.overlap();
-  if (o.tieSlurConflict) c.tieSlurConflict();
-  MusicDocument& d = c.document();
-  if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, tempoText);
-  if (o.timeSigDedup)
-    c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
-  if (o.emptyHeadBars) c.emptyHeadBars();
-  c.ambiguous(policy, sungTrackIDs);
-
+  // One run must leave nothing for a second: a later pass can leave work for an earlier one
+  // (an automatic fix spells out a syllable the split then sees, an overlap cut leaves a very
+  // short note), so the passes go round again, at most a few times, until nothing changes.
+  for (int round = 0; round < 4; ++round) {
+    const MusicDocument before = c.document();
+    c.report().pendingDecisions.clear();
+    if (o.nfcNormalize)
+      c.lyricPass(kNfc,
+                  [&](const NoteEvent& n) { return simple(text::composeVoicedMarks(n.lyric)); });
+    if (o.utauResidue) c.utauResidue();
+    if (o.unreadableKana)
+      c.lyricPass(kOldKana, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        if (auto s = replaceOldKana(n.lyric)) return Rewrite{*s};
+        return std::nullopt;
+      });
+    if (o.symbols)
+      c.lyricPass(kSymbols, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        if (auto reading = bracketReading(n.lyric)) return Rewrite{*reading, N_("読み仮名を採用")};
+        // What the score check offers for its symbol, ※ and ’ rows.
+        std::string s = withoutReadOverMarks(n.lyric);
+        // A lyric of symbols only is something the user typed on purpose; the check shows it.
+        if (text::trimWhitespaceAndNewlines(s).empty()) return std::nullopt;
+        return Rewrite{std::move(s)};
+      });
+    if (o.whitespace)
+      c.lyricPass(kWhitespace, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        return Rewrite{text::withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
+      });
+    if (o.emojiControl)
+      c.lyricPass(kEmoji, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        return Rewrite{text::withoutScalars(
+            n.lyric, [](char32_t ch) { return isInvisibleScalar(ch) || isEmojiScalar(ch); })};
+      });
+    if (o.halfWidthKana)
+      c.lyricPass(kHalfWidth, [&](const NoteEvent& n) { return simple(widenHalfKana(n.lyric)); });
+    if (o.kanjiToHiragana)
+      c.lyricPass(kKanji, [&](const NoteEvent& n) { return simple(kanjiToHiragana(n.lyric)); });
+    if (o.particleHa)
+      c.lyricPass(kParticle, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        if (n.lyric == "を") return Rewrite{"お"};
+        return std::nullopt;
+      });
+    if (o.foreignKana)
+      c.lyricPass(kForeign, [](const NoteEvent& n) -> std::optional<Rewrite> {
+        return Rewrite{katakanaLettersToHiragana(n.lyric), N_("カタカナ→ひらがな")};
+      });
+    if (o.standaloneChouon) c.standaloneChouon();
+    if (o.standaloneSokuon) c.standaloneSokuon();
+    if (o.standaloneYouon) c.standaloneYouon();
+    if (o.multiSyllable) c.multiSyllable();
+    if (o.zeroLength) c.veryShortNotes();
+    if (o.chordToMonophonic) c.chordToMonophonic();
+    if (o.overlap) c.overlap();
+    if (o.tieSlurConflict) c.tieSlurConflict();
+    MusicDocument& d = c.document();
+    if (o.tempoDedup) c.keepLastPerTick<TempoEvent>(kTempoDedup, d.tempoMap, tempoText);
+    if (o.timeSigDedup)
+      c.keepLastPerTick<TimeSignatureEvent>(kMeterDedup, d.timeSignatures, meterText);
+    if (o.emptyHeadBars) c.emptyHeadBars();
+    c.ambiguous(policy, sungTrackIDs);
+    if (c.document() == before) break;
+  }
   CleanupReport& report = c.report();
+  MusicDocument& d = c.document();
   report.sungNotesBecameZero = sungBefore > 0 && sungNotes(d, sungTrackIDs) == 0;
   report.endTime = referenceSecondsNow();
   return {std::move(d), std::move(report)};

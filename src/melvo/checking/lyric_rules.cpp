@@ -737,6 +737,16 @@ bool isMultiSyllable(std::string_view lyric) {
   return count >= 2;
 }
 
+std::vector<std::string> splittableSyllables(std::string_view lyric) {
+  const std::string form = lyricForExport(lyric);
+  if (!isAllKana(form)) return {};
+  std::vector<std::string> parts = groupSyllables(form);
+  if (parts.size() < 2) return {};
+  for (const auto& part : parts)
+    if (readingState(part).kind != ReadingKind::readable) return {};
+  return parts;
+}
+
 std::optional<std::string> vowelOf(std::string_view mora) {
   // Walked forward: the vowel comes from the last Character that is not っ, ッ or ー.
   std::optional<std::string> vowel;
@@ -849,6 +859,18 @@ std::string widenHalfKana(std::string_view lyric) {
 
 std::string katakanaToHiragana(std::string_view lyric) {
   return text::transliterate(lyric, "Katakana-Hiragana");
+}
+
+std::string katakanaLettersToHiragana(std::string_view lyric) {
+  std::string out;
+  out.reserve(lyric.size());
+  std::size_t i = 0;
+  while (i < lyric.size()) {
+    char32_t c = text::nextScalar(lyric, i);
+    if (c >= U'ァ' && c <= U'ヴ') c -= 0x60;
+    text::appendScalar(out, c);
+  }
+  return out;
 }
 
 }  // namespace melvo

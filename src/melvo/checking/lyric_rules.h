@@ -215,6 +215,11 @@ std::vector<std::string> splitMorae(std::string_view lyric);
 // or o. So あい and おう stay together and いう does not.
 std::vector<std::string> groupSyllables(std::string_view lyric);
 bool isMultiSyllable(std::string_view lyric);
+// The notes a kana lyric can be cut into, one syllable each, or nothing when it is one
+// syllable or when a part would not read on its own: ゝ, ゞ and ヶ lean on the kana before
+// them, and alone on a note they stop the engine. The split repair and the clean-up's split
+// both cut here, so neither can turn a sung lyric into a refused one.
+std::vector<std::string> splittableSyllables(std::string_view lyric);
 // "あ", "い", "う", "え", "お" or "ん".
 std::optional<std::string> vowelOf(std::string_view mora);
 std::optional<std::string> vowelOfCharacter(std::string_view character);
@@ -229,6 +234,9 @@ std::optional<std::string> replaceOldKana(std::string_view lyric);
 // Half-width katakana to full width; half-width Latin and digits stay as they are.
 std::string widenHalfKana(std::string_view lyric);
 std::string katakanaToHiragana(std::string_view lyric);
+// Only the katakana letters ァ..ヴ become their hiragana; ー keeps holding the vowel and ヵ, ヶ
+// and the repetition marks stay, since what they read as depends on their neighbours.
+std::string katakanaLettersToHiragana(std::string_view lyric);
 // Kanji words to their hiragana reading (空 to そら); other text stays. Without a dictionary
 // the lyric comes back unchanged.
 std::string kanjiToHiragana(std::string_view lyric);

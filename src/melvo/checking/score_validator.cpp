@@ -155,6 +155,14 @@ bool isLyricLossNotice(const ImportNotice& n) {
          std::end(kKeys);
 }
 
+// A lyric the engine reads wherever the note stands: not one it cannot read, nor a sound
+// that leans on the note before, nor too many phonemes.
+bool readsAlone(const NoteEvent* e) {
+  const ReadingKind r = readingState(e->lyric).kind;
+  return (r == ReadingKind::readable || r == ReadingKind::partial) &&
+         !startsWithSustain(e->lyric) && countPhonemes(e->lyric) <= 8;
+}
+
 void checkChords(TrackCheck& c) {
   const TrackLine& line = c.line;
   const std::size_t n = line.notes.size();
@@ -194,7 +202,9 @@ void checkChords(TrackCheck& c) {
       std::vector<std::string> offered{lyricForExport(sung->lyric)};
       for (const auto* e : group) {
         std::string lyric = lyricForExport(e->lyric);
-        if (lyric.empty() || std::find(offered.begin(), offered.end(), lyric) != offered.end())
+        // Only lyrics the engine sings there, unless the one sung now is no better.
+        if (lyric.empty() || std::find(offered.begin(), offered.end(), lyric) != offered.end() ||
+            (!readsAlone(e) && readsAlone(sung)))
           continue;
         offered.push_back(lyric);
         fixes.push_back(
@@ -217,9 +227,10 @@ void checkChords(TrackCheck& c) {
       } else {
         message = trf("%@：同じ時刻に音が %d つあります（%@）。どの音を歌いますか。",
                       {where, num(group.size()), pitches});
-        // Keeping another note keeps the sung lyric on it.
+        // Keeping another note keeps the sung lyric on it when its own would not be sung as
+        // well: none, one the engine cannot read, or a sound that leans on the note before.
         auto keep = [&](const NoteEvent* k) -> SuggestionAction {
-          if (k == sung || hasLyric(k) || !hasLyric(sung)) return removeAllBut(k);
+          if (k == sung || readsAlone(k) || !hasLyric(sung)) return removeAllBut(k);
           S::Sequence seq;
           seq.actions.emplace_back(S::SetLyrics{{{k->id, sung->lyric}}});
           seq.actions.emplace_back(removeAllBut(k));
@@ -229,10 +240,12 @@ void checkChords(TrackCheck& c) {
             suggestion(trf("先頭の音（%@）を歌う", {pitchName(sung->pitch)}), keep(sung)));
         const NoteEvent* high = byPitch.back();
         const NoteEvent* low = byPitch.front();
-        if (high->pitch != sung->pitch)
+        // A note too low for the engine is never offered: singing it stops the whole song.
+        const bool lowOk = sung->pitch < SynthesisGate::lowestPitch;
+        if (high->pitch != sung->pitch && (high->pitch >= SynthesisGate::lowestPitch || lowOk))
           fixes.push_back(
               suggestion(trf("いちばん高い音（%@）を歌う", {pitchName(high->pitch)}), keep(high)));
-        if (low->pitch != sung->pitch)
+        if (low->pitch != sung->pitch && (low->pitch >= SynthesisGate::lowestPitch || lowOk))
           fixes.push_back(
               suggestion(trf("いちばん低い音（%@）を歌う", {pitchName(low->pitch)}), keep(low)));
       }
@@ -414,6 +427,8 @@ void checkOverlaps(TrackCheck& c, bool cleanupTrims) {
       while (next < n && line.ticks[next] == line.ticks[i]) ++next;
     }
     if (next >= n) break;
+    // A chord note the writer drops sings nothing, so it overlaps nothing.
+    if (!line.sung[i]) continue;
     // A note that ends before the next tick cannot overlap it; a sung note's end is at most
     // that tick, and equal to its own end when that comes first.
     if (line.ends[i] < line.ticks[next]) continue;

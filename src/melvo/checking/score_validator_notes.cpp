@@ -20,10 +20,12 @@ bool isIn(char32_t c, std::initializer_list<char32_t> set) {
 
 // One note cut into its syllables, each on a note of its own: the first keeps its id, the
 // others are added with the same pitch.
-SuggestionAction splitAction(const NoteEvent& n, int track, const std::vector<std::string>& syl) {
+// `end` is where the note stops being sung (the next note's start when that comes first), so
+// no part lands past a later note and re-orders the line.
+SuggestionAction splitAction(const NoteEvent& n, int track, const std::vector<std::string>& syl,
+                             std::int64_t end) {
   const std::int64_t count = static_cast<std::int64_t>(syl.size());
-  const std::int64_t each = std::max<std::int64_t>(1, n.duration / count);
-  const std::int64_t end = n.endTick();
+  const std::int64_t each = std::max<std::int64_t>(1, (end - n.tick) / count);
   S::Sequence seq;
   seq.actions.emplace_back(S::SetTiming{{{n.id, n.tick, each}}});
   seq.actions.emplace_back(S::SetLyrics{{{n.id, syl[0]}}});
@@ -96,16 +98,16 @@ void phonemeTypedLyrics(TrackCheck& c, std::vector<bool>& reported) {
         rest.ids.push_back(e.id);
       }
     }
+    // Each label is written before its repair is handed over: the count is of the list.
     if (!fix.edits.empty()) {
-      row.suggestions.push_back(
-          suggestion(trf("仮名へ写せる %d 音を直す（例「%@」→「%@」）",
-                         {num(fix.edits.size()), visibleLyric(fixFrom), fixTo}),
-                     std::move(fix)));
+      std::string label = trf("仮名へ写せる %d 音を直す（例「%@」→「%@」）",
+                              {num(fix.edits.size()), visibleLyric(fixFrom), fixTo});
+      row.suggestions.push_back(suggestion(std::move(label), std::move(fix)));
     }
     if (!rest.ids.empty()) {
-      row.suggestions.push_back(suggestion(trf("仮名へ写せない %d 音を休符にする（例「%@」）",
-                                               {num(rest.ids.size()), visibleLyric(restExample)}),
-                                           std::move(rest)));
+      std::string label = trf("仮名へ写せない %d 音を休符にする（例「%@」）",
+                              {num(rest.ids.size()), visibleLyric(restExample)});
+      row.suggestions.push_back(suggestion(std::move(label), std::move(rest)));
     }
     row.suggestions.push_back(suggestion(tr("このまま（歌詞を直す）"), S::KeepAsIs{}));
   }
@@ -142,7 +144,8 @@ class NoteCheck {
         byFatal(fatal ? Sev::error : Sev::warning),
         prevEnd(prev ? prev->endTick() : 0),
         gap(prev ? note.tick - prevEnd : 0),
-        prevReadable(prev && !c.readings[prevIndex].kind.has_value()) {
+        prevReadable(prev && !c.readings[prevIndex].kind.has_value()),
+        prevStranded(prev && c.readings[prevIndex].strandedSokuon) {
     // The character class; invisible scalars are judged by their own row.
     if (!reported[i] && !f.allKana && !f.emptyTrimmed) {
       invisible = hasInvisibleScalars(note.lyric);
@@ -189,7 +192,7 @@ class NoteCheck {
                       : tr("NEUTRINO "
                            "は空歌詞を許可しません。ひらがな/"
                            "カタカナで歌詞を入力するか、この音を休符にしてください。");
-    if (tied && prevReadable) {
+    if (tied && prevReadable && !prevStranded) {
       // Empty notes right after one another are joined all at once.
       std::vector<std::size_t> run{i};
       if (gap == 0)
@@ -233,10 +236,11 @@ class NoteCheck {
               trf("1音符に音素が %d 個「%@」（NEUTRINO は8個まで）", {num(f.phonemes), shown()}),
               note.id);
     row.detail = tr(SynthesisGate::detailKey(SynthesisGate::Kind::tooManyPhonemes));
-    auto syl = groupSyllables(lyricForExport(note.lyric));
+    const auto syl = splittableSyllables(note.lyric);
     if (syl.size() >= 2)
-      row.suggestions.push_back(suggestion(
-          trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}), splitAction(note, t, syl)));
+      row.suggestions.push_back(
+          suggestion(trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}),
+                     splitAction(note, t, syl, line.ends[i])));
   }
 
   // What the gate refuses: a lyric the engine cannot read at all.
@@ -244,7 +248,9 @@ class NoteCheck {
     using K = SynthesisGate::Kind;
     if (reported[i] || !reading.kind) return;
     const K kind = *reading.kind;
-    if (!(kind == K::undefinedLyric && !classRow && !invisible)) return;
+    // Also beside a row of its characters: that row says what is wrong, this one that the
+    // engine stops on it.
+    if (kind != K::undefinedLyric) return;
     Issue& row = c.add(Cat::invalidLyricChars, Sev::error, note.tick,
                        trf("NEUTRINO が読めない歌詞「%@」", {shown()}), note.id);
     row.detail = tr(SynthesisGate::detailKey(kind));
@@ -290,9 +296,10 @@ class NoteCheck {
           trf("休符にする（続く「ー」も合わせて %d 音）", {num(run.size())}), removeRun));
     } else {
       if (prev && prevReadable && gap > 0) {
-        row.suggestions.push_back(
-            suggestion(trf("「ー」にして前の音に続ける（隙間 %dtk を詰める）", {num(gap)}),
-                       S::SetTiming{{{note.id, prevEnd, note.endTick() - prevEnd}}}));
+        if (!prevStranded)
+          row.suggestions.push_back(
+              suggestion(trf("「ー」にして前の音に続ける（隙間 %dtk を詰める）", {num(gap)}),
+                         S::SetTiming{{{note.id, prevEnd, note.endTick() - prevEnd}}}));
         S::Sequence join;
         join.actions.emplace_back(S::SetTiming{{{prev->id, prev->tick, runEnd - prev->tick}}});
         join.actions.emplace_back(removeRun);
@@ -423,7 +430,7 @@ class NoteCheck {
         if (hasKana(cleaned)) {
           fixes.push_back(suggestion(trf("「%@」にする", {cleaned}), S::SetLyric{cleaned}));
         } else {
-          if (prev && prevReadable && gap == 0)
+          if (prev && prevReadable && !prevStranded && gap == 0)
             fixes.push_back(suggestion(trf("「%@」にする", {"ー"}), S::SetLyric{"ー"}));
           fixes.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
         }
@@ -485,8 +492,9 @@ class NoteCheck {
         suggestion(trf("前の音を伸ばして隙間を詰める（%dtk）", {num(gap)}),
                    S::SetTiming{{{prev->id, prev->tick, note.tick - prev->tick}}}));
     const std::string exported = lyricForExport(note.lyric);
-    if (gap > c.th.thirtySecond && !text::startsWith(exported, "っ") &&
-        !text::startsWith(exported, "ッ"))
+    // Not on an empty lyric (a lone っ heading a phrase), nor where っ would be a ninth phoneme.
+    if (gap > c.th.thirtySecond && !exported.empty() && !text::startsWith(exported, "っ") &&
+        !text::startsWith(exported, "ッ") && countPhonemes("っ" + exported) <= 8)
       row.suggestions.push_back(
           suggestion(trf("「っ」を歌詞に追加（%@→っ%@）", {shown(), shown()}), S::PrependSokuon{}));
     if (!prev->hasBreathAfter)
@@ -601,6 +609,14 @@ class NoteCheck {
                      tr("直す時は、ピアノロールでこの音を "
                         "32分音符以上に伸ばすか、前後の音とまとめてください。")});
     }
+    // A note that shares its tick with chord notes the writer drops keeps its start: moved,
+    // it would leave them to be sung in its place.
+    bool chordInRun = false;
+    for (std::size_t k = s; k < runEnd; ++k) {
+      const std::size_t j = sungIdx[k];
+      chordInRun |= j + 1 < line.notes.size() && line.ticks[j + 1] == line.ticks[j];
+    }
+    if (chordInRun) return;
     auto widened = [&](std::int64_t start) {
       S::SetTiming timing;
       for (std::size_t k = s; k < runEnd; ++k)
@@ -728,7 +744,9 @@ class NoteCheck {
     auto syl = groupSyllables(before);
     if (!syl.empty() &&
         foldedToHiragana(syl.back()) == foldedToHiragana(lyricForExport(note.lyric)))
-      if (auto vowel = vowelOf(before)) {
+      if (auto vowel = vowelOf(before);
+          vowel && *vowel != foldedToHiragana(lyricForExport(note.lyric))) {
+        // A bare vowel after its own vowel already holds it (あ⌒あ): nothing to repair.
         Issue& row = c.add(Cat::tieLyricDup, Sev::warning, note.tick,
                            trf("スラー継続で歌詞が重複「%@」", {shown()}), note.id);
         row.detail =
@@ -745,9 +763,11 @@ class NoteCheck {
     if (!(!reported[i] && f.allKana && !fatal && f.phonemes < 9 && f.scalars >= 2 &&
           !c.keepWhole.count(note.id)))
       return;
-    const std::string form = lyricForExport(note.lyric);
-    if (isMultiSyllable(form)) {
-      auto syl = groupSyllables(form);
+    // A lyric that cannot be cut (あゝ) is left to its unreadable-kana row.
+    // Nor one too short to give each syllable a 64th: its parts would be very short notes.
+    const auto syl = splittableSyllables(note.lyric);
+    if (syl.size() >= 2 &&
+        (line.ends[i] - note.tick) / static_cast<std::int64_t>(syl.size()) >= c.th.sixtyFourth) {
       Issue& row = c.add(
           Cat::multiSyllable, Sev::warning, note.tick,
           trf("1つの音符に何音も入っている「%@」（%d 音節）", {shown(), num(syl.size())}), note.id);
@@ -758,8 +778,9 @@ class NoteCheck {
                      tr("音節ごとに歌わせる時は、音符を音節ごとに分けてください。「歌詞と音符を自"
                         "動で直す」の「1つの音符に入った何音かを、1音ずつの音符に分ける」でも分け"
                         "られます。つないで歌わせる時は、このままで構いません。")});
-      row.suggestions.push_back(suggestion(
-          trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}), splitAction(note, t, syl)));
+      row.suggestions.push_back(
+          suggestion(trf("音節ごとに音符を分ける（%d 音）", {num(syl.size())}),
+                     splitAction(note, t, syl, line.ends[i])));
     }
   }
 
@@ -782,6 +803,9 @@ class NoteCheck {
   const std::int64_t prevEnd;
   const std::int64_t gap;
   const bool prevReadable;
+  // The note before is a lone っ at the head of a phrase: a ー or っ joined to it is refused
+  // too, so no repair joins one to it.
+  const bool prevStranded;
   LyricClass cls = LyricClass::clean;
   bool invisible = false;
   bool classRow = false;

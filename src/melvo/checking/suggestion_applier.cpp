@@ -9,6 +9,8 @@
 #include <utility>
 #include <variant>
 
+#include "melvo/checking/lyric_rules.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/i18n.h"
 
 namespace melvo {
@@ -60,6 +62,13 @@ void insertSorted(NoteList& notes, NoteEvent note) {
   std::size_t at = notes.size();
   while (at > 0 && notes[at - 1].tick > note.tick) --at;
   notes.insert(at, std::move(note));
+}
+
+// A lyric the engine reads wherever it stands, on a pitch it can sing.
+bool singsAlone(const NoteEvent& n) {
+  const ReadingKind r = readingState(n.lyric).kind;
+  return (r == ReadingKind::readable || r == ReadingKind::partial) && !startsWithSustain(n.lyric) &&
+         countPhonemes(n.lyric) <= 8 && n.pitch >= 23;
 }
 
 std::string timingText(std::int64_t tick, std::int64_t duration) {
@@ -138,8 +147,48 @@ class Applier {
   void removeNoteAt(const Place& p, const char* text) {
     NoteList& notes = doc_.tracks[static_cast<std::size_t>(p.track)].notes;
     const NoteEvent gone = notes[p.index];
+    // Where it stops sounding: its end, or the next note's start when that comes first.
+    std::int64_t end = gone.endTick();
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick > gone.tick) end = std::min(end, notes[i].tick);
+    // A rest where a chord's sung note was is a rest: the notes the writer never sang there
+    // go with it rather than step up and be sung in its place. A chord row chooses its notes
+    // itself.
+    std::vector<Uuid> silent;
+    if (row_.category != ValidationIssue::Category::chordAtSameTick) {
+      const std::int64_t ppq = doc_.ppq;
+      std::optional<std::size_t> sung;
+      for (std::size_t i = 0; i < notes.size(); ++i)
+        if (notes[i].tick == gone.tick &&
+            (!sung || sungRank(notes[i], ppq) < sungRank(notes[*sung], ppq)))
+          sung = i;
+      // The partner that would step up, unless it can be sung on its own: then it stays.
+      std::optional<std::size_t> next;
+      for (std::size_t i = 0; i < notes.size(); ++i)
+        if (i != p.index && notes[i].tick == gone.tick &&
+            (!next || sungRank(notes[i], ppq) < sungRank(notes[*next], ppq)))
+          next = i;
+      if (sung == p.index && next && !singsAlone(notes[*next]))
+        for (std::size_t i = 0; i < notes.size(); ++i)
+          if (i != p.index && notes[i].tick == gone.tick) silent.push_back(notes[i].id);
+    }
     log(gone, p.track, gone.lyric, tr(text));
     notes.erase(p.index);
+    for (const Uuid& id : silent)
+      if (auto q = locate(doc_, id, p.track)) removeNoteAt(*q, "(削除)");
+    // A ー that held this note on has nothing left to hold: after a rest the engine would
+    // refuse it, so it becomes part of the rest.
+    std::optional<std::size_t> sounding;  // the note that now runs into `end`, if any
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick < end && (!sounding || notes[i].tick >= notes[*sounding].tick))
+        sounding = i;
+    if (sounding && notes[*sounding].endTick() >= end) return;
+    std::optional<std::size_t> held;
+    for (std::size_t i = 0; i < notes.size(); ++i)
+      if (notes[i].tick == end &&
+          (!held || sungRank(notes[i], doc_.ppq) < sungRank(notes[*held], doc_.ppq)))
+        held = i;
+    if (held && isOnlyChouon(notes[*held].lyric)) removeNoteAt({p.track, *held}, "(休符)");
   }
 
   void run(const S::SetLyric& a) {
@@ -209,9 +258,8 @@ class Applier {
       notes.erase(p->index);
     }
     if (moved.empty()) return;
-    // The moved notes were sung by the track's voice; the new track keeps it so that
-    // unmuting it sounds like before.
-    fresh.characterName = doc_.tracks[static_cast<std::size_t>(moved.front().second)].characterName;
+    // An accompaniment: heard in the preview, never sung. With the voice of its old track a
+    // render would sing its lyric-less notes and be refused.
     const int index = static_cast<int>(doc_.tracks.size());
     for (auto& [n, from] : moved) {
       log(n, index, doc_.tracks[static_cast<std::size_t>(from)].name, a.trackName);
@@ -225,11 +273,33 @@ class Applier {
       return;
     }
     NoteList& notes = doc_.tracks[static_cast<std::size_t>(a.track)].notes;
-    for (const auto& added : a.notes) {
-      NoteEvent n = NoteEvent::make(Uuid::random(), added.tick, added.duration, added.pitch, 100,
-                                    added.lyric);
+    // Notes added for a row's note are cut from it (the split): they take its velocity, and
+    // its breath and slur pass to the last part when that part follows it.
+    std::optional<NoteEvent> source;
+    if (row_.noteID)
+      if (auto p = locate(doc_, *row_.noteID, a.track); p && p->track == a.track)
+        source = notes[p->index];
+    std::optional<std::size_t> last;
+    for (std::size_t k = 0; k < a.notes.size(); ++k)
+      if (!last || a.notes[k].tick >= a.notes[*last].tick) last = k;
+    const bool marksMove = source && last && a.notes[*last].tick >= source->endTick() &&
+                           (source->hasBreathAfter || source->slurToNext);
+    for (std::size_t k = 0; k < a.notes.size(); ++k) {
+      const auto& added = a.notes[k];
+      const bool takesMarks = marksMove && k == *last;
+      NoteEvent n = NoteEvent::make(
+          Uuid::random(), added.tick, added.duration, added.pitch, source ? source->velocity : 100,
+          added.lyric, takesMarks && source->slurToNext, takesMarks && source->hasBreathAfter);
       log(n, a.track, "", added.lyric);
       insertSorted(notes, std::move(n));
+    }
+    if (marksMove) {
+      Place p;
+      if (NoteEvent* from = note(source->id, &p)) {
+        from->hasBreathAfter = false;
+        from->slurToNext = false;
+        log(*from, p.track, source->hasBreathAfter ? "♪" : "⌒", "");
+      }
     }
   }
   void run(const S::SetTempos& a) {

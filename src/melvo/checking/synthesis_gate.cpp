@@ -193,6 +193,7 @@ std::vector<SynthesisGate::NoteReading> SynthesisGate::readLine(
     } else {
       const bool phraseStart = !hadPrevious || tick > previousEnd;
       stranded = phraseStart && f.onlySokuon;
+      r.strandedSokuon = stranded;
     }
     hadPrevious = true;
     previousReadable = readable;
@@ -333,6 +334,8 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
       tooLow[i] = n.pitch < lowestPitch;
     }
     std::vector<NoteReading> readings = readLine(line, facts);
+    // The lyrics the engine stops on come first, then the pitches, as the check lists them.
+    std::vector<Problem> low;
     for (std::size_t i = 0; i < line.notes.size(); ++i) {
       if (!line.sung[i] || (!readings[i].kind && !tooLow[i])) continue;
       const NoteEvent& n = *line.notes[i];
@@ -362,12 +365,13 @@ std::vector<SynthesisGate::Problem> SynthesisGate::problems(const MusicDocument&
         out.push_back({n.id, t, n.tick, n.lyric, *kind, std::move(message), place(n.tick)});
       }
       if (tooLow[i]) {
-        out.push_back({n.id, t, n.tick, n.lyric, Kind::pitchTooLow,
+        low.push_back({n.id, t, n.tick, n.lyric, Kind::pitchTooLow,
                        trf("音が低すぎて NEUTRINO が止まります（%@。%@ 以上にしてください）",
                            {pitchName(n.pitch), pitchName(lowestPitch)}),
                        place(n.tick)});
       }
     }
+    out.insert(out.end(), low.begin(), low.end());
     const CeilingLoss loss = ceilingLoss(line, ceiling);
     if (!loss.empty()) {
       const std::size_t first =
@@ -497,6 +501,7 @@ SynthesisGate::LogReading SynthesisGate::parseLog(const std::vector<std::string>
   static const Pattern japanese("(\\d+)小節目に未定義の歌詞「(.*?)」");
   static const Pattern englishBar("in measure (\\d+)");
   static const Pattern japaneseBar("(\\d+)\\s*小節目");
+  static const Pattern lowPitch("note pitch (\\d+) is out of range in measure (\\d+)");
   LogReading reading;
   for (const std::string& line : lines) {
     if (line.find("Added a rest to the first measure") != std::string::npos ||
@@ -508,6 +513,9 @@ SynthesisGate::LogReading SynthesisGate::parseLog(const std::vector<std::string>
     });
     matched |= japanese.forEach(line, [&](const auto& g) {
       reading.hits.push_back({toBar(g[0]), std::string(g[1])});
+    });
+    matched |= lowPitch.forEach(line, [&](const auto& g) {
+      reading.hits.push_back({toBar(g[1]), std::nullopt, static_cast<int>(toBar(g[0]))});
     });
     if (matched) continue;
     englishBar.forEach(line, [&](const auto& g) { reading.hits.push_back({toBar(g[0]), {}}); });
@@ -529,7 +537,13 @@ std::optional<Uuid> SynthesisGate::noteForLogHit(const MusicDocument& document, 
   if (bar < 1) return {};
   const BarRuler ruler = document.barRuler();
   TrackLine line = TrackLine::of(document.tracks[trackIndex].notes, document.ppq);
+  std::vector<LyricFacts> facts(line.notes.size());
+  for (std::size_t i = 0; i < facts.size(); ++i)
+    if (line.sung[i]) facts[i] = lyricFacts(line.notes[i]->lyric);
+  // Several ー in one bar: the engine stopped on the one it cannot read.
+  const std::vector<NoteReading> readings = readLine(line, facts);
   const NoteEvent* first = nullptr;
+  const NoteEvent* match = nullptr;
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     if (!line.sung[i]) continue;
     const NoteEvent& n = *line.notes[i];
@@ -537,8 +551,14 @@ std::optional<Uuid> SynthesisGate::noteForLogHit(const MusicDocument& document, 
     if (b < bar) continue;
     if (b > bar) break;
     if (!first) first = &n;
-    if (hit.lyric && (n.lyric == *hit.lyric || lyricForExport(n.lyric) == *hit.lyric)) return n.id;
+    const bool same =
+        (hit.lyric && (n.lyric == *hit.lyric || lyricForExport(n.lyric) == *hit.lyric)) ||
+        (hit.pitch && n.pitch == *hit.pitch);
+    if (!same) continue;
+    if (readings[i].kind || n.pitch < lowestPitch) return n.id;
+    if (!match) match = &n;
   }
+  if (match) return match->id;
   if (first) return first->id;
   return {};
 }

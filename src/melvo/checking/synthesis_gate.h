@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "melvo/checking/lyric_rules.h"
@@ -71,8 +72,14 @@ class SynthesisGate {
   };
 
   struct LogHit {
+    LogHit() = default;
+    LogHit(std::int64_t measure, std::optional<std::string> lyric = std::nullopt,
+           std::optional<int> pitch = std::nullopt)
+        : measure(measure), lyric(std::move(lyric)), pitch(pitch) {}
     std::int64_t measure = 0;
     std::optional<std::string> lyric;
+    // The pitch the engine named when it stopped on a note too low for it.
+    std::optional<int> pitch;
     bool operator==(const LogHit&) const = default;
   };
   struct LogReading {
@@ -85,6 +92,8 @@ class SynthesisGate {
   struct NoteReading {
     std::optional<Kind> kind;
     bool afterUnreadable = false;
+    // A lone っ that starts a phrase: a ー, っ or ッ joined to it is refused.
+    bool strandedSokuon = false;
   };
 
   // Lowest pitch the engine survives.
@@ -120,8 +129,9 @@ class SynthesisGate {
   }
   // The log line that explains the shift.
   static std::string restBarLine(std::int64_t engineBar, std::int64_t melvoBar);
-  // The note a log hit points at: in the hit's bar, the note whose lyric equals the hit's,
-  // else the first note of the bar.
+  // The note a log hit points at: in the hit's bar, the note whose lyric (or pitch) equals
+  // the hit's, preferring among several the one the gate itself refuses, else the first note
+  // of the bar.
   static std::optional<Uuid> noteForLogHit(const MusicDocument& document, int trackIndex,
                                            const LogHit& hit, bool restAdded);
 

@@ -80,6 +80,8 @@ std::optional<std::string_view> valueOf(std::string_view line, std::string_view 
 std::optional<VoiceRange::Range> VoiceRange::fromInfoToml(std::string_view text,
                                                           std::string voice) {
   std::optional<int> low, high;
+  // Editors on Windows often start a UTF-8 file with a byte-order mark.
+  if (text::startsWith(text, "\xEF\xBB\xBF")) text.remove_prefix(3);
   for (std::string_view line : text::split(text, '\n')) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     if (auto v = valueOf(line, "bottom_key")) low = pitchFromNoteName(*v);
