@@ -43,7 +43,9 @@ std::optional<double> ProgressLine::estimate(double percentage, double elapsedSe
   return left;
 }
 
-void ProgressLine::update(double percentage, const std::string& stage) {
+void ProgressLine::update(double percentage, const std::string& givenStage) {
+  // A line that names no stage leaves the last one standing.
+  const std::string stage = givenStage.empty() ? shownStage_ : givenStage;
   const auto now = std::chrono::steady_clock::now();
   if (!started_) started_ = now;
   if (std::isfinite(percentage)) highest_ = std::max(highest_, std::clamp(percentage, 0.0, 100.0));
