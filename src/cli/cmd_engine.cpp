@@ -33,10 +33,10 @@ NEUTRINOConfig loadConfig() {
 std::string folderOrConfigured(const std::string& given) {
   if (!given.empty()) return fs::absolute(given).lexically_normal().string();
   std::string configured = loadConfig().neutrinoDirectory;
+  // The window's words point at a gear and a menu; here the command that sets it is named.
   if (configured.empty())
-    printError(
-        tr("NEUTRINOフォルダが設定されていません。上帯の歯車（設定）か、メニュー「Melvo」→「"
-           "設定…」（⌘,）から指定してください。"));
+    printError(tr("NEUTRINOフォルダが設定されていません。melvo engine use DIR で指定してください"
+                  "（探すには melvo engine discover）。"));
   return configured;
 }
 

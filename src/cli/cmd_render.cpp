@@ -85,7 +85,7 @@ int exitForSignal(int signal) {
 
 struct Followed {
   std::optional<AppState::SynthesisOutcome> outcome;  // nothing: refused before it started
-  int signal = 0;                                      // the first of SIGINT, SIGTERM, SIGHUP
+  int signal = 0;                                     // the first of SIGINT, SIGTERM, SIGHUP
 };
 
 // Starts a render or re-render with `start` and runs the loop until it has ended, showing its
@@ -120,7 +120,8 @@ Followed follow(EventLoop& loop, AppState& app,
       progress.update(app.synthesisProgress(), app.synthesisStage());
     if (property == "synthesisStalledMessage") {
       // Once per silence: the count of seconds in it changes every second.
-      if (app.synthesisStalledMessage() && !stallShown) progress.message(*app.synthesisStalledMessage());
+      if (app.synthesisStalledMessage() && !stallShown)
+        progress.message(*app.synthesisStalledMessage());
       stallShown = app.synthesisStalledMessage().has_value();
     }
   });
@@ -187,9 +188,10 @@ int render(const RenderOptions& o) {
     return kExitRefused;
   }
   if (o.track >= 0 && !audible(d, o.track)) {
-    printError(trf("トラック %@ はミックスで聞こえません（消音・ほかのトラックのソロ・音量 0）。"
-                   "聞こえるようにしてから合成してください",
-                   {std::to_string(o.track)}));
+    printError(
+        trf("トラック %@ はミックスで聞こえません（消音・ほかのトラックのソロ・音量 0）。"
+            "聞こえるようにしてから合成してください",
+            {std::to_string(o.track)}));
     return kExitRefused;
   }
   // --voice is a request to hear the song in that voice: every track sings with it.
@@ -312,9 +314,10 @@ int rerender(const RerenderOptions& o) {
 
 // The same words under both commands' help.
 std::string exitStatusHelp() {
-  return tr("終了コード: 0 できた / 1 失敗（エンジン・ミックス・ファイル） / 2 始める前に断った"
-            "（使い方・設定・声・楽譜の確認） / 130 Ctrl-C（SIGINT）で中止 / 143 SIGTERM で中止 / "
-            "129 端末が閉じた（SIGHUP）ので中止。中止したときも、エンジンのプロセスは残しません。");
+  return tr(
+      "終了コード: 0 できた / 1 失敗（エンジン・ミックス・ファイル） / 2 始める前に断った"
+      "（使い方・設定・声・楽譜の確認） / 130 Ctrl-C（SIGINT）で中止 / 143 SIGTERM で中止 / "
+      "129 端末が閉じた（SIGHUP）ので中止。中止したときも、エンジンのプロセスは残しません。");
 }
 
 const bool registeredRender = registerCommand(

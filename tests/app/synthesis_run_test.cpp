@@ -77,7 +77,8 @@ class SynthesisRunTest : public ::testing::Test {
     EXPECT_TRUE(test::pumpUntil(
         core->loop, [&] { return !core->app->isCheckingEngine(); }, 30s));
     core->loop.runUntilIdle();
-    if (!outcomes.empty() && outcomes.back().ending == AppState::SynthesisOutcome::Ending::refused) {
+    if (!outcomes.empty() &&
+        outcomes.back().ending == AppState::SynthesisOutcome::Ending::refused) {
       std::string text = outcomes.back().message;
       outcomes.pop_back();
       return text;

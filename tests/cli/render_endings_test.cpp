@@ -139,8 +139,7 @@ class RenderEndingsTest : public ::testing::Test {
     fs::create_directories(engine / "model" / "alto");
     fs::create_directories(tmp);
     fs::create_symlink(test::standInEngine() / "bin", engine / "bin");
-    MusicDocument d =
-        openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
+    MusicDocument d = openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
     d.tracks[0].characterName = "alto";
     writeProject(d, song());
   }
@@ -151,8 +150,8 @@ class RenderEndingsTest : public ::testing::Test {
     return e;
   }
   std::vector<std::string> renderArgs(const std::string& out) const {
-    return {"render", song().string(), "--engine", engine.string(), "--out",
-            (home.path() / out).string()};
+    return {"render",        song().string(), "--engine",
+            engine.string(), "--out",         (home.path() / out).string()};
   }
   // Waits until the stand-in's singer runs (its command line names the engine folder's model).
   bool engineRuns() const {

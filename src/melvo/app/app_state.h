@@ -179,8 +179,8 @@ class AppState : public Observable {
       std::string voice;
     };
     std::filesystem::path runDir;
-    std::vector<Track> tracks;        // empty: nothing was edited
-    bool mixAgain = false;            // a run folder: its voices are mixed again afterwards
+    std::vector<Track> tracks;  // empty: nothing was edited
+    bool mixAgain = false;      // a run folder: its voices are mixed again afterwards
     std::optional<std::string> refusal;
   };
   // `voice` (may be empty) replaces the voices the run was sung with.
@@ -358,7 +358,7 @@ class AppState : public Observable {
   bool _bundledSetupRunning = false;
   bool _bundledSetupDone = false;
   bool configOverridden_ = false;
-  bool cancelRequested_ = false;  // during the current run
+  bool cancelRequested_ = false;            // during the current run
   std::shared_ptr<StartCheck> startCheck_;  // stops and joins its thread when dropped
   bool _showHome = false;
   std::vector<AutoSaveSnapshot> _recoverableSnapshots;

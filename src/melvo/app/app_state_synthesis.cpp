@@ -622,7 +622,8 @@ AppState::FolderRevocode AppState::planFolderRevocode(const fs::path& folder, bo
     plan.refusal = trf("合成の出力フォルダではありません: %@", {folder.string()});
     return plan;
   }
-  std::erase_if(plan.tracks, [&](const FolderRevocode::Track& t) { return !all && !edited(t.dir); });
+  std::erase_if(plan.tracks,
+                [&](const FolderRevocode::Track& t) { return !all && !edited(t.dir); });
   for (const auto& t : plan.tracks)
     if (t.voice.empty()) plan.refusal = tr("声が決まっていません（--voice で指定してください）");
   return plan;
@@ -651,10 +652,9 @@ std::optional<std::string> AppState::startFolderRevocode(const FolderRevocode& p
     std::optional<PitchCurve> curve;
     if (skipF0) curve = PitchCurve::read(t.dir / "output.f0");
     if (!timing || (skipF0 && !curve))
-      return refuseSynthesis(
-          trf("%@ を読めないため、作り直せません",
-              {(t.dir / (!timing ? "timing.lab" : "output.f0")).string()}),
-          false);
+      return refuseSynthesis(trf("%@ を読めないため、作り直せません",
+                                 {(t.dir / (!timing ? "timing.lab" : "output.f0")).string()}),
+                             false);
     if (timing->phonemes.empty())
       return refuseSynthesis(
           trf("%@ に音素がないため、作り直せません", {(t.dir / "timing.lab").string()}), false);
@@ -738,8 +738,9 @@ void AppState::folderRevocodeFinished(std::shared_ptr<FolderRun> run, bool ok) {
   _synthesisProgress = 100.0;
   outcome.success = true;
   outcome.wavPath = wav.string();
-  outcome.message = run->skipF0 ? tr("✓ f0編集を反映してWAVを再生成しました")
-                                : tr("✓ 音の境目の直しを反映して、f0 も推し直し、WAV を作り直しました");
+  outcome.message = run->skipF0
+                        ? tr("✓ f0編集を反映してWAVを再生成しました")
+                        : tr("✓ 音の境目の直しを反映して、f0 も推し直し、WAV を作り直しました");
   appendSynthesisLog(outcome.message);
   endSynthesis(std::move(outcome));
 }

@@ -131,8 +131,7 @@ bool groupHasLiveMembers(pid_t pgid) {
     if (close == std::string::npos) continue;
     char state = 0;
     long ppid = 0, group = 0;
-    if (std::sscanf(stat.c_str() + close + 1, " %c %ld %ld", &state, &ppid, &group) != 3)
-      continue;
+    if (std::sscanf(stat.c_str() + close + 1, " %c %ld %ld", &state, &ppid, &group) != 3) continue;
     if (group == pgid && state != 'Z' && state != 'X') return true;
   }
   return false;

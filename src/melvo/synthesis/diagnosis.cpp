@@ -134,11 +134,12 @@ std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines,
                       tr("model/ ディレクトリ配下にキャラクターのフォルダがあるか確認")}};
 
   if (contains(log, "Permission denied") || contains(log, "permission denied"))
-    return Diagnosis{tr("実行権限がありません"),
-                     tr("NEUTRINO 実行ファイルに実行権限が付与されていません。"),
-                     {trf("実行権限を付ける：\nmelvo engine fix %@", {folderArgument(engineFolder)}),
-                      tr("NEUTRINOフォルダが実行を許さないドライブ（noexec で mount された "
-                         "USB メモリなど）にある場合は、ホームフォルダへ移す")}};
+    return Diagnosis{
+        tr("実行権限がありません"),
+        tr("NEUTRINO 実行ファイルに実行権限が付与されていません。"),
+        {trf("実行権限を付ける：\nmelvo engine fix %@", {folderArgument(engineFolder)}),
+         tr("NEUTRINOフォルダが実行を許さないドライブ（noexec で mount された "
+            "USB メモリなど）にある場合は、ホームフォルダへ移す")}};
 
   return std::nullopt;
 }
