@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets. `make test` and `make demo` work on a fresh machine.
-.PHONY: deps demo test bench format format-check dev clean
+.PHONY: deps demo test fuzz bench format format-check dev clean
 
 EXAMPLE := examples/sakura.nsproj
 
@@ -28,6 +28,12 @@ test: deps format-check
 	cmake --preset ci >/dev/null
 	cmake --build --preset ci
 	ctest --preset ci
+
+# Every parser of outside bytes has a libFuzzer target in fuzz/; each runs FUZZ_SECONDS (30).
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
+	bash scripts/run-fuzz.sh
 
 dev: deps
 	cmake --preset dev >/dev/null

@@ -5,6 +5,7 @@
 
 #include "melvo/interchange/midi_file_writer.h"
 #include "melvo/interchange/musicxml_exporter.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/log.h"
 
 namespace {
@@ -45,7 +46,7 @@ MusicDocument midiDocument() {
 void BM_RenderMusicXML(benchmark::State& state) {
   log::setSink([](const std::string&) {});  // no log file from a benchmark
   const MusicDocument d = scoreDocument();
-  std::size_t bytes = 0, bars = MusicXMLExporter::barLayout(d, false).size();
+  std::size_t bytes = 0, bars = scoreBarLayout(d, false).size();
   for (auto _ : state) {
     std::string xml = MusicXMLExporter::render(d);
     bytes = xml.size();

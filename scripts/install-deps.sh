@@ -6,6 +6,8 @@ set -euo pipefail
 packages=(
   # toolchain
   build-essential cmake ninja-build ccache pkg-config clang-format gettext
+  # fuzzing: clang with its libFuzzer and sanitizer runtimes
+  clang libclang-rt-14-dev
   # libraries
   libexpat1-dev libsimdjson-dev nlohmann-json3-dev libpcre2-dev libicu-dev
   libmecab-dev mecab-ipadic-utf8 zlib1g-dev libsndfile1-dev libfluidsynth-dev

@@ -293,5 +293,38 @@ TEST_F(Cleanup, NeverLeavesMoreErrorRows) {
   EXPECT_LT(errors(run(d).document), errors(d));
 }
 
+// Every kind of row whose text says the clean-up repairs it: after the clean-up the check
+// shows none of them. Each lyric sits on its own note with rests around it, so that no row
+// stands for a neighbour's fault.
+TEST_F(Cleanup, CheckAfterFixShowsNoRowTheCleanupClaims) {
+  using Cat = ValidationIssue::Category;
+  std::vector<NoteEvent> notes;
+  std::int64_t tick = 0;
+  for (const char* lyric : {"R", "あ強", "さ%", "た弱%", "か！", "「そら」", "※か", "き’", "ｶ",
+                            "か\u200B", "ゐ", "いちばん", "あかさたなはまやらわ"}) {
+    notes.push_back(note(tick, 480, lyric));
+    tick += 960;
+  }
+  notes.push_back(note(tick, 480, "ま"));  // a chord: two notes at one tick
+  notes.push_back(note(tick, 480, "み", 64));
+  tick += 960;
+  notes.push_back(note(tick, 960, "む"));  // overlaps the next
+  notes.push_back(note(tick + 480, 480, "め"));
+  auto d = song(std::move(notes));
+  d.tempoMap.push_back({0, 100.0});  // two tempos and two meters at one tick
+  d.timeSignatures.push_back({0, 3, 4});
+
+  const std::vector<Cat> claimed = {Cat::utauResidue,    Cat::symbols,       Cat::emojiControl,
+                                    Cat::unreadableKana, Cat::multiSyllable, Cat::chordAtSameTick,
+                                    Cat::noteOverlap,    Cat::tempoIssue,    Cat::timeSigIssue};
+  const auto before = test::check(d);
+  for (Cat c : claimed)
+    EXPECT_FALSE(test::rowsOf(before, c).empty()) << "no row to repair: " << static_cast<int>(c);
+  const auto after = test::check(run(d).document);
+  for (Cat c : claimed)
+    for (const auto& row : test::rowsOf(after, c))
+      ADD_FAILURE() << "still shown after the clean-up: " << row.message;
+}
+
 }  // namespace
 }  // namespace melvo

@@ -1,4 +1,5 @@
 // The score check's timing, song-wide and track-wide rules, and what makes its list stable.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -194,6 +195,21 @@ TEST_F(Rules, ChordsRangeAndOverlap) {
   EXPECT_EQ(overlap[0].message, "高さの違う音符が重なっています (G#0↔F#6)");
   EXPECT_EQ(overlap[0].suggestions[0].action,
             SuggestionAction(S::SetTiming{{{d.tracks[0].notes[3].id, 480, 480}}}));
+}
+
+// A whole-track move that pushes a note below what the engine sings would trade warnings for
+// a refused render; it is not offered, however many notes it brings into range.
+TEST_F(Rules, OctaveMovesNeverPushANoteBelowTheEnginesFloor) {
+  auto d = song({note(0, 480, "か", 30), note(960, 480, "さ", 90), note(1920, 480, "た", 92)});
+  auto range = rowsOf(check(d), Cat::outOfRange);
+  ASSERT_EQ(range.size(), 1u);
+  std::vector<std::string> labels;
+  for (const auto& s : range[0].suggestions) labels.push_back(s.label);
+  EXPECT_THAT(
+      labels,
+      ::testing::Not(::testing::Contains(::testing::HasSubstr("トラックごとオクターブ下げる"))));
+  EXPECT_THAT(labels, ::testing::Contains(
+                          ::testing::HasSubstr("トラックごとオクターブ上げる（外れる音 3 → 2）")));
 }
 
 TEST_F(Rules, NoticesBecomeRowsWhileTheirNotesStand) {

@@ -4,7 +4,7 @@
 #include <random>
 
 #include "melvo/checking/synthesis_gate.h"
-#include "melvo/interchange/musicxml_exporter.h"
+#include "melvo/model/sung_line.h"
 #include "score_validator_support.h"
 #include "support/test_support.h"
 
@@ -64,7 +64,7 @@ TEST(GateReading, PhonemesEmptyLyricsAndChords) {
 
 // The notes a line sings are the writer's notes, in its order and with its ends.
 void expectSungAsWritten(const TrackLine& line, const NoteList& list) {
-  const auto written = MusicXMLExporter::normalizedNotes(list, 480);
+  const auto written = normalizedNotes(list, 480);
   std::size_t k = 0;
   for (std::size_t i = 0; i < line.notes.size(); ++i) {
     if (!line.sung[i]) continue;
@@ -159,7 +159,7 @@ TEST(GateProblems, NotesPastBarTwoThousand) {
   EXPECT_EQ(problems[0].noteID, d.tracks[0].notes[1].id);
   EXPECT_FALSE(SynthesisGate::refusal(problems).empty());
   // The loss read off the line is the writer's own report.
-  auto report = MusicXMLExporter::exportLimitReport(d, 0);
+  auto report = exportLimitReport(d, 0);
   ASSERT_TRUE(report);
   TrackLine line = TrackLine::of(d.tracks[0].notes, d.ppq);
   auto loss = ceilingLoss(line, scoreCeilingTick(d));

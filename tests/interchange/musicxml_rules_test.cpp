@@ -5,6 +5,7 @@
 #include <random>
 
 #include "melvo/interchange/musicxml_exporter.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/log.h"
 
 namespace melvo {
@@ -67,7 +68,7 @@ TEST(MusicXMLNotes, SameTickOverlapAndOrder) {
   const auto e = note(0, 600, " ");     // ... but e's lyric is blank, so d wins
   const auto f = note(1200, 30, "け");  // same tick as c, long enough, later: dropped
   std::vector<NoteEvent> in{a, b, c, d, e, f};
-  const auto out = X::normalizedNotes(in, 480);
+  const auto out = normalizedNotes(in, 480);
   ASSERT_EQ(out.size(), 3u);
   EXPECT_EQ(out[0].id, d.id);
   EXPECT_EQ(out[0].duration, 2);
@@ -75,7 +76,7 @@ TEST(MusicXMLNotes, SameTickOverlapAndOrder) {
   EXPECT_EQ(out[1].duration, 240);
   EXPECT_EQ(out[2].id, c.id);
 
-  const auto trimmed = X::trimmedOverlaps(NoteList(in), 480);
+  const auto trimmed = trimmedOverlaps(NoteList(in), 480);
   ASSERT_EQ(trimmed.size(), 1u);
   EXPECT_EQ(trimmed[0].note.id, b.id);
   EXPECT_EQ(trimmed[0].note.duration, 960);
@@ -106,10 +107,10 @@ TEST(MusicXMLNotes, BarSearchAndScanAgree) {
   for (std::int64_t t = 0; t < 40000; t += 1 + rng() % 700)
     notes.push_back(note(t, 1 + rng() % 3000));
   d.tracks.front().notes = NoteList(notes);
-  const auto kept = X::normalizedNotes(d.tracks.front().notes, d.ppq);
-  const auto bars = X::barLayout(d, false);
-  const auto searched = X::notesByBar(bars, kept, true);
-  const auto scanned = X::notesByBar(bars, kept, false);
+  const auto kept = normalizedNotes(d.tracks.front().notes, d.ppq);
+  const auto bars = scoreBarLayout(d, false);
+  const auto searched = notesByBar(bars, kept, true);
+  const auto scanned = notesByBar(bars, kept, false);
   EXPECT_EQ(searched.offsets, scanned.offsets);
   EXPECT_EQ(searched.indices, scanned.indices);
   EXPECT_GT(searched.indices.size(), kept.size());  // notes over bar lines count twice
@@ -122,13 +123,13 @@ TEST(MusicXMLBars, LayoutEndsHalfABarAfterTheLastNote) {
   d.tracks.front().notes = NoteList({note(0, 1920)});
   d.tracks.push_back(MusicTrack{});
   d.tracks.back().notes = NoteList({note(3000, 1800)});  // ends 4800; +960 = 5760
-  auto bars = X::barLayout(d, false);
+  auto bars = scoreBarLayout(d, false);
   ASSERT_EQ(bars.size(), 4u);  // 5760 itself still opens a bar
   EXPECT_EQ(bars.back().startTick, 5760);
 
   // A meter placed inside a bar takes effect at the next bar line.
   d.timeSignatures = {{0, 4, 4}, {2000, 3, 4}};
-  bars = X::barLayout(d, false);
+  bars = scoreBarLayout(d, false);
   EXPECT_EQ(bars[1].tpBar, 1920);
   EXPECT_EQ(bars[2].tpBar, 1440);
   EXPECT_EQ(bars[2].startTick, 3840);
@@ -141,7 +142,7 @@ TEST(MusicXMLBars, CeilingLogsAndReportsTheLoss) {
       NoteList({note(0, 480), note(limit - 480, 960, "い"), note(limit + 1920, 480, "う")});
   {
     log::Capture capture;
-    const auto bars = X::barLayout(d, true);
+    const auto bars = scoreBarLayout(d, true);
     EXPECT_EQ(bars.size(), 2000u);
     // Target: last end limit+2400, plus half a bar.
     EXPECT_TRUE(capture.contains(
@@ -149,7 +150,7 @@ TEST(MusicXMLBars, CeilingLogsAndReportsTheLoss) {
         << (capture.lines().empty() ? "" : capture.lines().front());
   }
   log::Capture quiet;
-  const auto report = X::exportLimitReport(d, 0);
+  const auto report = exportLimitReport(d, 0);
   EXPECT_TRUE(quiet.lines().empty());
   ASSERT_TRUE(report);
   EXPECT_EQ(report->limitTick, limit);
@@ -157,7 +158,7 @@ TEST(MusicXMLBars, CeilingLogsAndReportsTheLoss) {
   EXPECT_EQ(report->crossing[0].lyric, "い");
   ASSERT_EQ(report->beyond.size(), 1u);
   EXPECT_EQ(report->beyond[0].lyric, "う");
-  EXPECT_FALSE(X::exportLimitReport(d, 1));
+  EXPECT_FALSE(exportLimitReport(d, 1));
 
   // The rendered score stops at the ceiling with the crossing note tied into nothing.
   const std::string xml = X::render(d);
@@ -168,7 +169,7 @@ TEST(MusicXMLBars, CeilingLogsAndReportsTheLoss) {
   // A song that ends well inside the ceiling reports nothing.
   MusicDocument shortSong;
   shortSong.tracks.front().notes = NoteList({note(0, 480)});
-  EXPECT_FALSE(X::exportLimitReport(shortSong, 0));
+  EXPECT_FALSE(exportLimitReport(shortSong, 0));
 }
 
 }  // namespace

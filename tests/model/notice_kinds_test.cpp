@@ -4,16 +4,12 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <vector>
 
 #include "melvo/model/import_notice.h"
 
 namespace melvo {
 namespace {
-
-using Sev = ValidationIssue::Severity;
-using Cat = ValidationIssue::Category;
 
 struct NamedKind {
   const char* name;
@@ -59,55 +55,6 @@ TEST(NoticeKindCatalogue, UnknownKeysFindNothing) {
   EXPECT_EQ(findNoticeKind("mxOtherVerse_2"), nullptr);
 }
 
-// The kinds that several importers share, each with its severity, handling and category.
-TEST(NoticeKindCatalogue, SharedKindsCarryTheirRatings) {
-  using H = NoticeHandling;
-  const std::vector<std::tuple<const char*, Sev, H, Cat>> rows{
-      {"midiChannelsUndecided", Sev::warning, H::kept, Cat::importNotice},
-      {"twoLyricsOnOneNote", Sev::warning, H::converted, Cat::multiSyllable},
-      {"elision", Sev::info, H::converted, Cat::multiSyllable},
-      {"midiTinyGapsClosed", Sev::info, H::converted, Cat::shortRestBefore},
-      {"midiOrnamentNotes", Sev::warning, H::converted, Cat::decoration},
-      {"fermata", Sev::warning, H::dropped, Cat::decoration},
-      {"fermataOnRest", Sev::warning, H::dropped, Cat::decoration},
-      {"ornaments", Sev::info, H::dropped, Cat::decoration},
-      {"glissando", Sev::info, H::dropped, Cat::decoration},
-      {"secondVerse", Sev::info, H::dropped, Cat::importNotice},
-      {"cueNotesDropped", Sev::info, H::dropped, Cat::importNotice},
-      {"wordsOnlyTempo", Sev::warning, H::dropped, Cat::tempoIssue},
-      {"ritAccel", Sev::warning, H::dropped, Cat::tempoIssue},
-      {"swing", Sev::info, H::dropped, Cat::tempoIssue},
-      {"tempoInsideNote", Sev::info, H::converted, Cat::tempoIssue},
-      {"microtones", Sev::info, H::converted, Cat::importNotice},
-      {"additiveMeter", Sev::info, H::converted, Cat::timeSigIssue},
-      {"meterRebarred", Sev::info, H::converted, Cat::timeSigIssue},
-      {"meterClamped", Sev::warning, H::converted, Cat::timeSigIssue},
-      {"dsWithoutSegno", Sev::warning, H::dropped, Cat::importNotice},
-      {"lyricOnRest", Sev::warning, H::dropped, Cat::importNotice},
-      {"spokenPart", Sev::warning, H::kept, Cat::importNotice},
-      {"pitchOffsetWhole", Sev::warning, H::kept, Cat::importNotice},
-      {"phonemeOverride", Sev::warning, H::kept, Cat::importNotice},
-      {"silentInSource", Sev::warning, H::kept, Cat::ghostVelocity},
-      {"rapNotes", Sev::info, H::kept, Cat::importNotice},
-      {"synthParameters", Sev::info, H::dropped, Cat::importNotice},
-      {"tracksDropped", Sev::info, H::dropped, Cat::importNotice},
-      {"falsetto", Sev::info, H::dropped, Cat::importNotice},
-      {"breathConverted", Sev::info, H::converted, Cat::importNotice},
-      {"karaokeTextLyrics", Sev::info, H::converted, Cat::importNotice},
-  };
-  std::set<std::string> seen;
-  for (const auto& [key, severity, handling, category] : rows) {
-    SCOPED_TRACE(key);
-    EXPECT_TRUE(seen.insert(key).second) << "listed twice";
-    const ImportNoticeKind* kind = findNoticeKind(key);
-    ASSERT_NE(kind, nullptr);
-    EXPECT_EQ(kind->severity, severity);
-    EXPECT_EQ(kind->handling, handling);
-    EXPECT_EQ(kind->category, category);
-  }
-  EXPECT_EQ(seen.size(), 31u);
-}
-
 // The liveness rules lean on these sets; a misspelt member would silently match nothing.
 TEST(NoticeKindCatalogue, KeySetsHaveTheirSizesOverRealKinds) {
   int lyricSensitive = 0, alwaysKept = 0, suppressed = 0;
@@ -132,12 +79,6 @@ TEST(NoticeKindCatalogue, CountedMessagesHoldOnePlaceholder) {
     EXPECT_NE(message.find("%d"), std::string_view::npos) << key;
     EXPECT_EQ(message.find("%d"), message.rfind("%d")) << key;
   }
-}
-
-TEST(NoticeKindCatalogue, HandlingNames) {
-  EXPECT_EQ(handlingName(NoticeHandling::dropped), "dropped");
-  EXPECT_EQ(handlingName(NoticeHandling::converted), "converted");
-  EXPECT_EQ(handlingName(NoticeHandling::kept), "kept");
 }
 
 // Equality is by content: a copy built from other buffers with the same text is the same kind.
@@ -170,7 +111,6 @@ TEST(NoticeKindEquality, DistinctKindsDiffer) {
   // Same ratings and words, only the key differs.
   EXPECT_FALSE(notice_kinds::midiLyricWithoutOnset == notice_kinds::midiLyricMovedNote);
   EXPECT_FALSE(notice_kinds::ornaments == notice_kinds::glissando);
-  EXPECT_TRUE(notice_kinds::smpteMIDI == notice_kinds::smpteMIDI);
 }
 
 }  // namespace

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "melvo/checking/lyric_rules.h"
-#include "melvo/platform/text.h"
+#include "kana_reading.h"
 #include "stand_in.h"
 
 using namespace standin;
@@ -26,13 +25,6 @@ void usage() {
 [[noreturn]] void fail(const std::string& message) {
   std::fprintf(stderr, "%s\n", message.c_str());
   std::exit(1);
-}
-
-std::vector<std::string> split(const std::string& s) {
-  std::vector<std::string> out;
-  for (auto part : melvo::text::split(s, ' '))
-    if (!part.empty()) out.emplace_back(part);
-  return out;
 }
 
 std::int64_t units(double sec) {
@@ -89,24 +81,22 @@ int main(int argc, char** argv) {
     if (n.pitch < 23)
       fail("Error: note pitch " + std::to_string(n.pitch) + " is out of range in measure " +
            std::to_string(measure));
-    const std::string lyric = melvo::lyricForExport(n.lyric);
+    const std::string& lyric = n.lyric;
+    const KanaReading reading = readKana(lyric);
     std::vector<std::string> phonemes;
-    if (melvo::isOnlyChouon(lyric)) {
+    if (reading.onlyChouon) {
       if (lastVowel.empty() || lastSungEnd != n.tick)
         fail("Undefined lyric `" + lyric + "` in measure " + std::to_string(measure));
       phonemes.push_back(lastVowel);
     } else {
-      auto reading = melvo::readLyric(lyric);
       if (reading.units.empty())
         fail("Undefined lyric `" + lyric + "` in measure " + std::to_string(measure));
-      const int count = melvo::countPhonemes(lyric);
+      const int count = reading.phonemeCount();
       if (count > 8)
         fail("Error: " + std::to_string(count) + " phonemes on one note in measure " +
              std::to_string(measure) + " (at most 8)");
-      for (const auto& unit : reading.units) {
-        if (unit == "ー") continue;  // lengthens the vowel before it
-        for (auto& p : split(unit)) phonemes.push_back(p);
-      }
+      for (const auto& unit : reading.units)
+        for (const auto& p : unit) phonemes.push_back(p);
     }
     // Consonants before the first vowel sit just before the note, borrowed from what
     // precedes it; the rest shares the note.

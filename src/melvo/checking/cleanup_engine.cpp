@@ -8,6 +8,7 @@
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/model/bar_ruler.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/reference_date.h"
 #include "melvo/platform/text.h"
@@ -44,28 +45,6 @@ constexpr const char* kGhostVelocity = N_("強さ 0 の音符（ゴーストノ�
 constexpr const char* kTempoDedup = N_("テンポ重複解消");
 constexpr const char* kMeterDedup = N_("拍子重複解消");
 
-std::string withoutScalars(std::string_view lyric, const std::function<bool(char32_t)>& drop) {
-  std::string out;
-  std::size_t i = 0;
-  while (i < lyric.size()) {
-    const char32_t c = text::nextScalar(lyric, i);
-    if (!drop(c)) text::appendScalar(out, c);
-  }
-  return out;
-}
-
-bool isLyricSymbol(char32_t c) {
-  return std::find(std::begin(lyricSymbols), std::end(lyricSymbols), c) != std::end(lyricSymbols);
-}
-
-// Pictographs, dingbats, variation selectors and tag characters: none is sung, and an emoji
-// sequence leaves nothing behind once all of its parts are gone.
-bool isEmojiScalar(char32_t c) {
-  return (c >= 0x1F000 && c <= 0x1FAFF) || (c >= 0x2600 && c <= 0x27BF) ||
-         (c >= 0x2B00 && c <= 0x2BFF) || (c >= 0xFE00 && c <= 0xFE0F) ||
-         (c >= 0xE0000 && c <= 0xE007F) || c == 0x200D || c == 0x20E3;
-}
-
 // "空(そら)" or "空（そら）": the reading in brackets, when there is one.
 std::optional<std::string> bracketReading(std::string_view lyric) {
   for (auto [open, close] : {std::pair<std::string_view, std::string_view>{"(", ")"},
@@ -75,7 +54,7 @@ std::optional<std::string> bracketReading(std::string_view lyric) {
     const auto b = lyric.find(close, a + open.size());
     if (b == std::string_view::npos) continue;
     std::string inside(lyric.substr(a + open.size(), b - a - open.size()));
-    inside = withoutScalars(inside, [](char32_t c) { return isLyricSymbol(c); });
+    inside = text::withoutScalars(inside, [](char32_t c) { return isLyricSymbol(c); });
     if (!text::trimWhitespace(inside).empty()) return inside;
   }
   return std::nullopt;
@@ -95,13 +74,6 @@ bool holdsOn(std::string_view earlier, std::string_view later) {
   const auto vowel = vowelOf(before);
   const auto syllables = groupSyllables(before);
   return vowel && form == *vowel && !syllables.empty() && syllables.back() != form;
-}
-
-bool allKana(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size())
-    if (!inKanaRange(text::nextScalar(s, i))) return false;
-  return !s.empty();
 }
 
 std::string joined(const std::vector<std::string>& parts) {
@@ -172,18 +144,23 @@ class Cleaner {
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 0; i < notes.size();) {
         const NoteEvent& n = notes[i];
+        // The class rule, and R with spaces around it, which the class leaves to a later pass.
         const std::string_view trimmed = text::trimWhitespace(n.lyric);
-        if (trimmed == "R" || trimmed == "r") {
+        if (trimmed != "R" && trimmed != "r" &&
+            classifyLyricChars(n.lyric) != LyricClass::utauMark) {
+          ++i;
+          continue;
+        }
+        std::optional<std::string> s = withoutUtauMarks(n.lyric);
+        if (!s) {
           record(kUtau, n, t, n.lyric, tr("(休符)"));
           notes.erase(i);
           continue;
         }
-        if (isUtauMarked(n.lyric)) {
-          std::string s = withoutScalars(trimmed, [](char32_t c) { return c == U'%'; });
-          while (text::endsWith(s, "強") || text::endsWith(s, "弱")) s.resize(s.size() - 3);
+        if (*s != n.lyric) {
           NoteEvent& m = notes.mutableAt(i);
-          record(kUtau, m, t, m.lyric, s);
-          m.lyric = std::move(s);
+          record(kUtau, m, t, m.lyric, *s);
+          m.lyric = std::move(*s);
         }
         ++i;
       }
@@ -255,7 +232,7 @@ class Cleaner {
         const NoteEvent n = notes[i];
         if (report_.keepWhole.count(n.id)) continue;
         const std::string form = lyricForExport(n.lyric);
-        if (!allKana(form)) continue;
+        if (!isAllKana(form)) continue;
         const auto syl = groupSyllables(form);
         if (syl.size() < 2) continue;
         // Equal parts, the last taking what the division leaves, as the row's repair does.
@@ -283,9 +260,7 @@ class Cleaner {
     begin(kTinyDeleted);
     begin(kTinyMerged);
     const std::int64_t ppq = doc_.ppq;
-    auto tiny = [&](const NoteEvent& n) {
-      return ppq < 16 ? n.duration == 0 : n.duration < ppq / 16;
-    };
+    auto tiny = [&](const NoteEvent& n) { return n.duration < veryShortBelow(ppq); };
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t i = 0; i < notes.size();) {
         if (!tiny(notes[i])) {
@@ -329,10 +304,7 @@ class Cleaner {
   // then one that isn't very short, then the earlier.
   void chordToMonophonic() {
     begin(kChord);
-    const std::int64_t shortBelow = doc_.ppq < 16 ? 1 : doc_.ppq / 16;
-    auto rank = [&](const NoteEvent& n) {
-      return (lyricForExport(n.lyric).empty() ? 2 : 0) + (n.duration >= shortBelow ? 0 : 1);
-    };
+    auto rank = [&](const NoteEvent& n) { return sungRank(n, doc_.ppq); };
     forEachTrack([&](int t, NoteList& notes) {
       for (std::size_t a = 0; a < notes.size();) {
         std::size_t b = a + 1;
@@ -585,18 +557,19 @@ CleanupResult runCleanup(const MusicDocument& document, const CleanupOptions& o,
   if (o.symbols)
     c.lyricPass(kSymbols, [](const NoteEvent& n) -> std::optional<Rewrite> {
       if (auto reading = bracketReading(n.lyric)) return Rewrite{*reading, N_("読み仮名を採用")};
-      std::string s = withoutScalars(n.lyric, isLyricSymbol);
+      // What the score check offers for its symbol, ※ and ’ rows.
+      std::string s = withoutReadOverMarks(n.lyric);
       // A lyric of symbols only is something the user typed on purpose; the check shows it.
       if (text::trimWhitespaceAndNewlines(s).empty()) return std::nullopt;
       return Rewrite{std::move(s)};
     });
   if (o.whitespace)
     c.lyricPass(kWhitespace, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
+      return Rewrite{text::withoutScalars(n.lyric, text::isWhitespaceOrNewline)};
     });
   if (o.emojiControl)
     c.lyricPass(kEmoji, [](const NoteEvent& n) -> std::optional<Rewrite> {
-      return Rewrite{withoutScalars(
+      return Rewrite{text::withoutScalars(
           n.lyric, [](char32_t ch) { return isInvisibleScalar(ch) || isEmojiScalar(ch); })};
     });
   if (o.halfWidthKana)

@@ -562,6 +562,71 @@ bool isUtauMarked(std::string_view lyric) {
   return true;
 }
 
+std::optional<std::string> withoutUtauMarks(std::string_view lyric) {
+  const std::string_view trimmed = text::trimWhitespace(lyric);
+  if (trimmed == "R" || trimmed == "r") return std::nullopt;
+  const bool marked = isUtauMarked(trimmed);
+  std::string s;
+  s.reserve(trimmed.size());
+  for (char ch : trimmed)
+    if (ch != '%') s.push_back(ch);
+  if (marked)
+    while (text::endsWith(s, "強") || text::endsWith(s, "弱")) s.resize(s.size() - 3);
+  s = std::string(text::trimWhitespace(s));
+  if (s.empty()) return std::nullopt;
+  return s;
+}
+
+bool hasKana(std::string_view s) {
+  return anyScalar(s, inKanaRange);
+}
+
+bool isAllKana(std::string_view s) {
+  return !s.empty() && allScalars(s, inKanaRange);
+}
+
+std::string foldedToHiragana(std::string_view s) {
+  std::string out;
+  out.reserve(s.size());
+  std::size_t i = 0;
+  while (i < s.size()) {
+    char32_t c = text::nextScalar(s, i);
+    if (c >= 0x30A1 && c <= 0x30F6) c -= 0x60;
+    text::appendScalar(out, c);
+  }
+  return out;
+}
+
+std::string bigKanaOf(std::string_view character) {
+  static constexpr std::pair<std::string_view, std::string_view> kMap[] = {
+      {"ぁ", "あ"}, {"ぃ", "い"}, {"ぅ", "う"}, {"ぇ", "え"}, {"ぉ", "お"}, {"ァ", "ア"},
+      {"ィ", "イ"}, {"ゥ", "ウ"}, {"ェ", "エ"}, {"ォ", "オ"}, {"ゃ", "や"}, {"ゅ", "ゆ"},
+      {"ょ", "よ"}, {"ャ", "ヤ"}, {"ュ", "ユ"}, {"ョ", "ヨ"}};
+  for (const auto& [from, to] : kMap)
+    if (from == character) return std::string(to);
+  return {};
+}
+
+std::string withoutReadOverMarks(std::string_view lyric) {
+  const std::vector<bool> drops = effectiveVowelDrops(lyric);
+  std::size_t mark = 0;
+  const std::string out = text::withoutScalars(lyric, [&](char32_t c) {
+    if (c == vowelDropMark) {
+      const bool keep = mark < drops.size() && drops[mark];
+      ++mark;
+      return !keep;
+    }
+    return c == U'※' || isLyricSymbol(c);
+  });
+  return std::string(text::trimWhitespaceAndNewlines(out));
+}
+
+std::string withoutInvisibleScalars(std::string_view lyric) {
+  const std::string out = text::withoutScalars(
+      lyric, [](char32_t c) { return isInvisibleScalar(c) || !isXmlScalar(c); });
+  return std::string(text::trimLyric(out));
+}
+
 bool hasDigitsOrLatin(std::string_view lyric) {
   return anyScalar(lyric, [](char32_t c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||

@@ -47,6 +47,19 @@ inline constexpr char32_t decorationMarks[] = {U'’', U'※'};
 // The vowel-drop mark: ’ after a kana removes its vowel (す’き sings s k i).
 inline constexpr char32_t vowelDropMark = U'’';
 
+constexpr bool isLyricSymbol(char32_t c) {
+  for (char32_t s : lyricSymbols)
+    if (s == c) return true;
+  return false;
+}
+// Pictographs, dingbats, variation selectors and tag characters: none is sung, and an emoji
+// sequence leaves nothing behind once all of its parts are gone.
+constexpr bool isEmojiScalar(char32_t c) {
+  return (c >= 0x1F000 && c <= 0x1FAFF) || (c >= 0x2600 && c <= 0x27BF) ||
+         (c >= 0x2B00 && c <= 0x2BFF) || (c >= 0xFE00 && c <= 0xFE0F) ||
+         (c >= 0xE0000 && c <= 0xE007F) || c == 0x200D || c == 0x20E3;
+}
+
 // True when `character` is exactly one scalar of `set`.
 bool isCharacterIn(std::string_view character, const char32_t* begin, const char32_t* end);
 template <std::size_t N>
@@ -167,11 +180,29 @@ std::optional<PlainKanaSummary> summarizePlainKana(std::string_view lyric);
 LyricClass classifyLyricChars(std::string_view lyric);
 // UTAU's strength suffixes: a kana lyric ending in 強 or 弱 (after removing %).
 bool isUtauMarked(std::string_view lyric);
+// What a lyric of class utauMark sings once UTAU's marks are gone: every % removed and, where
+// isUtauMarked holds, the trailing 強 and 弱; trimmed. nullopt when nothing singable is left
+// ("R", "r", "強", "%"): the note is a rest. The score check offers this and the clean-up
+// applies it, so the two cannot disagree.
+std::optional<std::string> withoutUtauMarks(std::string_view lyric);
 bool hasDigitsOrLatin(std::string_view lyric);
 bool hasKanji(std::string_view lyric);
 bool hasInvisibleScalars(std::string_view lyric);
 bool hasCombiningMarks(std::string_view lyric);
 bool hasXmlIllegalScalars(std::string_view lyric);
+
+// Any scalar in the kana blocks; every scalar in them (and at least one).
+bool hasKana(std::string_view s);
+bool isAllKana(std::string_view s);
+// Katakana as hiragana, scalar by scalar (no ICU): enough to compare two kana spellings.
+std::string foldedToHiragana(std::string_view s);
+// The full-size kana of a small one (ぁ to あ, ャ to ヤ); empty for any other Character.
+std::string bigKanaOf(std::string_view character);
+// The lyric without the marks the engine reads over: symbols, ※, and ’ where it drops no
+// vowel; trimmed.
+std::string withoutReadOverMarks(std::string_view lyric);
+// The lyric without invisible scalars and those XML cannot carry; trimmed as a lyric.
+std::string withoutInvisibleScalars(std::string_view lyric);
 
 // The lyric as messages show it: invisible scalars written "<U+200B>".
 std::string visibleLyric(std::string_view lyric);

@@ -158,7 +158,6 @@ bool isLyricLossNotice(const ImportNotice& n) {
 void checkChords(TrackCheck& c) {
   const TrackLine& line = c.line;
   const std::size_t n = line.notes.size();
-  const std::int64_t shortBelow = c.document.ppq < 16 ? 1 : c.document.ppq / 16;
   auto hasLyric = [](const NoteEvent* e) {
     return !text::trimWhitespaceAndNewlines(e->lyric).empty();
   };
@@ -205,9 +204,7 @@ void checkChords(TrackCheck& c) {
       std::size_t withLyric = 0;
       for (const auto* e : group) withLyric += hasLyric(e) ? 1 : 0;
       // The choice is plain when the writer's rule, not the stored order, picks the note.
-      auto rank = [&](const NoteEvent* e) {
-        return (hasLyric(e) ? 0 : 2) + (e->duration >= shortBelow ? 0 : 1);
-      };
+      auto rank = [&](const NoteEvent* e) { return sungRank(*e, c.document.ppq); };
       std::size_t tied = 0;
       for (const auto* e : group) tied += rank(e) == rank(sung) ? 1 : 0;
       if (withLyric == 1) {
@@ -258,61 +255,58 @@ void checkChords(TrackCheck& c) {
   }
 }
 
-void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
-  const TrackLine& line = c.line;
-  std::vector<const NoteEvent*> tooLow, below, above;
-  for (std::size_t i = 0; i < line.notes.size(); ++i) {
-    if (!line.sung[i]) continue;
-    const NoteEvent* e = line.notes[i];
-    if (e->pitch < SynthesisGate::lowestPitch) {
-      tooLow.push_back(e);
-    } else if (e->pitch < range.low) {
-      below.push_back(e);
-    } else if (e->pitch > range.high) {
-      above.push_back(e);
-    }
+using NotePointers = std::vector<const NoteEvent*>;
+
+std::vector<Uuid> idsOf(const NotePointers& notes) {
+  std::vector<Uuid> out;
+  for (const auto* e : notes) out.push_back(e->id);
+  return out;
+}
+
+void jumpTo(Issue& row, const NotePointers& notes) {
+  for (const auto* e : notes) row.jumpPlaces.push_back({e->tick, e->id});
+  if (notes.size() == 1) {
+    row.noteID = notes[0]->id;
+  } else {
+    row.jumpNoteID = notes[0]->id;
   }
+}
+
+// Notes below what the engine can sing at all: it stops on them.
+void tooLowRow(TrackCheck& c, const NotePointers& tooLow, const VoiceRange::Range& range) {
   const std::string lowName = pitchName(range.low), highName = pitchName(range.high);
-  auto ids = [](const std::vector<const NoteEvent*>& notes) {
-    std::vector<Uuid> out;
-    for (const auto* e : notes) out.push_back(e->id);
-    return out;
-  };
-  auto jump = [](Issue& row, const std::vector<const NoteEvent*>& notes) {
-    for (const auto* e : notes) row.jumpPlaces.push_back({e->tick, e->id});
-    if (notes.size() == 1) {
-      row.noteID = notes[0]->id;
-    } else {
-      row.jumpNoteID = notes[0]->id;
-    }
-  };
-  if (!tooLow.empty()) {
-    Issue& row = c.add(Cat::outOfRange, Sev::error, tooLow[0]->tick,
-                       trf("%dトラック：低すぎて NEUTRINO が止まる音が %d 音あります（%@）",
-                           {c.trackNumber(), num(tooLow.size()), placesOf(c.ruler, tooLow)}));
-    jump(row, tooLow);
-    row.detail = tr(SynthesisGate::detailKey(SynthesisGate::Kind::pitchTooLow)) +
-                 std::string("\n") +
-                 trf("音を %@ 以上へ動かしてください（歌える範囲は %@〜%@ です）。",
-                     {pitchName(SynthesisGate::lowestPitch), lowName, highName});
-    // Each note goes up by whole octaves until it reaches the range (or at least the floor).
-    std::map<int, std::vector<Uuid>> byOctaves;
-    for (const auto* e : tooLow) {
-      int k = 0;
-      while (e->pitch + 12 * k < std::max(range.low, SynthesisGate::lowestPitch) &&
-             e->pitch + 12 * (k + 1) <= 127)
-        ++k;
-      byOctaves[k].push_back(e->id);
-    }
-    S::Sequence up;
-    for (auto& [k, list] : byOctaves)
-      up.actions.emplace_back(S::TransposeNotes{std::move(list), 12 * k});
-    row.suggestions.push_back(
-        suggestion(trf("低すぎる音 %d 個をオクターブ上げて歌える範囲へ移す", {num(tooLow.size())}),
-                   up.actions.size() == 1 ? up.actions[0] : SuggestionAction(std::move(up))));
-    row.suggestions.push_back(suggestion(trf("低すぎる音 %d 個を休符にする", {num(tooLow.size())}),
-                                         S::RemoveNotes{ids(tooLow)}));
+  Issue& row = c.add(Cat::outOfRange, Sev::error, tooLow[0]->tick,
+                     trf("%dトラック：低すぎて NEUTRINO が止まる音が %d 音あります（%@）",
+                         {c.trackNumber(), num(tooLow.size()), placesOf(c.ruler, tooLow)}));
+  jumpTo(row, tooLow);
+  row.detail = tr(SynthesisGate::detailKey(SynthesisGate::Kind::pitchTooLow)) + std::string("\n") +
+               trf("音を %@ 以上へ動かしてください（歌える範囲は %@〜%@ です）。",
+                   {pitchName(SynthesisGate::lowestPitch), lowName, highName});
+  // Each note goes up by whole octaves until it reaches the range (or at least the floor).
+  std::map<int, std::vector<Uuid>> byOctaves;
+  for (const auto* e : tooLow) {
+    int k = 0;
+    while (e->pitch + 12 * k < std::max(range.low, SynthesisGate::lowestPitch) &&
+           e->pitch + 12 * (k + 1) <= 127)
+      ++k;
+    byOctaves[k].push_back(e->id);
   }
+  S::Sequence up;
+  for (auto& [k, list] : byOctaves)
+    up.actions.emplace_back(S::TransposeNotes{std::move(list), 12 * k});
+  row.suggestions.push_back(
+      suggestion(trf("低すぎる音 %d 個をオクターブ上げて歌える範囲へ移す", {num(tooLow.size())}),
+                 up.actions.size() == 1 ? up.actions[0] : SuggestionAction(std::move(up))));
+  row.suggestions.push_back(suggestion(trf("低すぎる音 %d 個を休符にする", {num(tooLow.size())}),
+                                       S::RemoveNotes{idsOf(tooLow)}));
+}
+
+// Notes outside the voice's range: sung at the range's edge. The whole-track moves are offered
+// only when they leave fewer notes outside and push no note below what the engine can sing.
+void outsideRangeRow(TrackCheck& c, const NotePointers& below, const NotePointers& above,
+                     const VoiceRange::Range& range) {
+  const TrackLine& line = c.line;
+  const std::string lowName = pitchName(range.low), highName = pitchName(range.high);
   std::vector<const NoteEvent*> outside = below;
   outside.insert(outside.end(), above.begin(), above.end());
   std::sort(outside.begin(), outside.end(),
@@ -349,7 +343,7 @@ void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
                      {c.trackNumber(), num(count), placesOf(c.ruler, outside)}));
     row->detail = tr("歌声音域 C2..C6 外。キャラクターによっては不自然な合成結果になります。");
   }
-  jump(*row, outside);
+  jumpTo(*row, outside);
   auto outsideAfter = [&](int shift) {
     std::size_t k = 0;
     for (const auto* e : all) {
@@ -366,10 +360,16 @@ void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
     }
     return k;
   };
+  auto pushesBelowFloor = [&](int shift) {
+    for (const auto* e : all)
+      if (e->pitch >= SynthesisGate::lowestPitch && e->pitch + shift < SynthesisGate::lowestPitch)
+        return true;
+    return false;
+  };
   for (int shift : {-12, 12}) {
     const std::size_t after = outsideAfter(shift);
-    if (after >= count) continue;
-    S::TransposeNotes whole{ids(all), shift};
+    if (after >= count || pushesBelowFloor(shift)) continue;
+    S::TransposeNotes whole{idsOf(all), shift};
     row->suggestions.push_back(suggestion(
         shift < 0
             ? trf("トラックごとオクターブ下げる（外れる音 %d → %d）", {num(count), num(after)})
@@ -379,11 +379,29 @@ void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
   if (const std::size_t k = inRange(above, -12); k > 0)
     row->suggestions.push_back(suggestion(
         trf("高すぎる音 %d 個だけオクターブ下げる（範囲に入る音 %d）", {num(above.size()), num(k)}),
-        S::TransposeNotes{ids(above), -12}));
+        S::TransposeNotes{idsOf(above), -12}));
   if (const std::size_t k = inRange(below, 12); k > 0)
     row->suggestions.push_back(suggestion(
         trf("低すぎる音 %d 個だけオクターブ上げる（範囲に入る音 %d）", {num(below.size()), num(k)}),
-        S::TransposeNotes{ids(below), 12}));
+        S::TransposeNotes{idsOf(below), 12}));
+}
+
+void checkRange(TrackCheck& c, const VoiceRange::Range& range) {
+  const TrackLine& line = c.line;
+  NotePointers tooLow, below, above;
+  for (std::size_t i = 0; i < line.notes.size(); ++i) {
+    if (!line.sung[i]) continue;
+    const NoteEvent* e = line.notes[i];
+    if (e->pitch < SynthesisGate::lowestPitch) {
+      tooLow.push_back(e);
+    } else if (e->pitch < range.low) {
+      below.push_back(e);
+    } else if (e->pitch > range.high) {
+      above.push_back(e);
+    }
+  }
+  if (!tooLow.empty()) tooLowRow(c, tooLow, range);
+  outsideRangeRow(c, below, above, range);
 }
 
 void checkOverlaps(TrackCheck& c, bool cleanupTrims) {

@@ -9,6 +9,7 @@
 #include "melvo/checking/score_validator.h"
 #include "melvo/checking/synthesis_gate.h"
 #include "melvo/model/bar_ruler.h"
+#include "melvo/model/sung_line.h"
 
 namespace melvo::validator_detail {
 
@@ -23,7 +24,7 @@ struct Thresholds {
   explicit Thresholds(std::int64_t ppq)
       : shortGap(ppq / 4),
         thirtySecond(std::max<std::int64_t>(1, ppq / 8)),
-        sixtyFourth(std::max<std::int64_t>(1, ppq / 16)),
+        sixtyFourth(veryShortBelow(ppq)),
         tinyGap(std::max<std::int64_t>(2, ppq / 96)),
         halfBeat(std::max<std::int64_t>(1, ppq / 2)),
         phraseBreak(ppq / 2) {}

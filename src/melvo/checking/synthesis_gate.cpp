@@ -8,8 +8,8 @@
 #include <memory>
 #include <mutex>
 
-#include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/model/bar_ruler.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/text.h"
 
@@ -54,11 +54,9 @@ LyricFacts lyricFacts(std::string_view lyric) {
 
 namespace {
 
-// The writer's order at one tick: a lyric first, then a note that isn't very short.
+// The writer's order at one tick.
 std::uint8_t writerRank(const NoteEvent& e, std::int64_t ppq) {
-  const std::int64_t shortBelow = ppq < 16 ? 1 : ppq / 16;
-  return static_cast<std::uint8_t>((text::trimWhitespaceAndNewlines(e.lyric).empty() ? 2 : 0) +
-                                   (e.duration >= shortBelow ? 0 : 1));
+  return static_cast<std::uint8_t>(sungRank(e, ppq));
 }
 
 // Songs stored in time order, as they almost always are, in one walk over the notes: only the
@@ -285,12 +283,6 @@ std::vector<int> SynthesisGate::sungTrackIndices(const MusicDocument& document,
   if (auto preferred = document.preferredSungTrack(std::nullopt)) return {*preferred};
   if (count > 0) return {0};
   return out;
-}
-
-std::optional<std::int64_t> scoreCeilingTick(const MusicDocument& document) {
-  auto bars = MusicXMLExporter::barLayout(document, false);
-  if (bars.size() < MusicXMLExporter::barCeiling) return std::nullopt;
-  return bars.back().startTick + bars.back().tpBar;
 }
 
 CeilingLoss ceilingLoss(const TrackLine& line, std::optional<std::int64_t> ceiling) {

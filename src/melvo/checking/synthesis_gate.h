@@ -135,11 +135,6 @@ class SynthesisGate {
       const MusicDocument& document, const std::filesystem::path& engineDir);
 };
 
-// Where bar 2001 would begin in the written score, or nothing when the score stops short of
-// bar 2000. A track whose notes all end by then loses nothing past the ceiling, which spares
-// building the export report in the usual case.
-std::optional<std::int64_t> scoreCeilingTick(const MusicDocument& document);
-
 // What the score loses of one track at the bar ceiling, as the writer's export report says it
 // (checked against it), but read off the prepared line without copying the notes: indices
 // into line.notes of sung notes that start at or past `ceiling`, and of those that cross it.

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <unordered_map>
 
 #include "melvo/checking/lyric_rules.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/log.h"
 #include "melvo/platform/text.h"
 
@@ -14,146 +14,10 @@ namespace {
 
 using Exporter = MusicXMLExporter;
 
-// A surviving note without copying it: the original and its possibly shortened duration.
-struct Kept {
-  const NoteEvent* note;
-  std::int64_t tick;
-  std::int64_t duration;
-  std::int64_t end() const { return Exporter::noteEnd(tick, duration); }
-};
-
-bool hasTrimmedLyric(const NoteEvent& n) {
-  return !text::trimWhitespaceAndNewlines(n.lyric).empty();
-}
-
-template <class Notes>
-std::vector<Kept> normalize(const Notes& notes, std::int64_t ppq) {
-  std::vector<const NoteEvent*> order;
-  order.reserve(notes.size());
-  bool strictlyRising = true;
-  for (const NoteEvent& n : notes) {
-    if (!order.empty() && n.tick <= order.back()->tick) strictlyRising = false;
-    order.push_back(&n);
-  }
-  // A song as edited is already in strictly rising order, and then sorting is the identity.
-  if (!strictlyRising) {
-    const std::int64_t threshold = ppq < 16 ? 1 : ppq / 16;
-    struct Key {
-      const NoteEvent* note;
-      bool noLyric;
-      bool short_;
-    };
-    std::vector<Key> keys;
-    keys.reserve(order.size());
-    for (const NoteEvent* n : order)
-      keys.push_back({n, !hasTrimmedLyric(*n), n->duration < threshold});
-    std::stable_sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
-      if (a.note->tick != b.note->tick) return a.note->tick < b.note->tick;
-      if (a.noLyric != b.noLyric) return !a.noLyric;
-      return !a.short_ && b.short_;
-    });
-    for (std::size_t i = 0; i < keys.size(); ++i) order[i] = keys[i].note;
-  }
-  std::vector<Kept> kept;
-  kept.reserve(order.size());
-  for (const NoteEvent* n : order) {
-    if (!kept.empty()) {
-      Kept& last = kept.back();
-      if (n->tick == last.tick) continue;
-      if (n->tick < last.end()) last.duration = std::max<std::int64_t>(n->tick - last.tick, 1);
-    }
-    kept.push_back({n, n->tick, n->duration});
-  }
-  return kept;
-}
-
-std::vector<NoteEvent> materialize(const std::vector<Kept>& kept) {
-  std::vector<NoteEvent> out;
-  out.reserve(kept.size());
-  for (const Kept& k : kept) {
-    out.push_back(*k.note);
-    out.back().duration = k.duration;
-  }
-  return out;
-}
-
 template <class T>
 std::vector<T> stableSortedByTick(std::vector<T> v) {
   std::stable_sort(v.begin(), v.end(), [](const T& a, const T& b) { return a.tick < b.tick; });
   return v;
-}
-
-// Shared by barLayout and the limit report, which must agree on where the score ends.
-struct LayoutTarget {
-  std::int64_t firstBar;  // made positive
-  std::int64_t target;
-};
-
-LayoutTarget layoutTarget(const MusicDocument& d) {
-  const TimeSignatureEvent first =
-      d.timeSignatures.empty() ? TimeSignatureEvent{} : d.timeSignatures.front();
-  const std::int64_t raw = first.numerator * d.ppq * 4 / first.denominator;
-  const std::int64_t length = raw > 0 ? raw : d.ppq * 4;
-  std::int64_t lastEnd = 0;
-  for (const auto& t : d.tracks)
-    for (const auto& n : t.notes)
-      lastEnd = std::max(lastEnd, Exporter::noteEnd(n.tick, n.duration));
-  const std::int64_t wanted = lastEnd > 0 ? lastEnd + (length < 4 ? 1 : length / 2) : 0;
-  return {length, std::max(wanted, raw)};
-}
-
-template <class Notes>
-Exporter::BarNotes assignNotes(const std::vector<Exporter::Bar>& bars, const Notes& notes,
-                               bool allowSearch) {
-  Exporter::BarNotes out;
-  out.offsets.reserve(bars.size() + 1);
-  out.offsets.push_back(0);
-  auto tickOf = [&](std::size_t i) { return notes[i].tick; };
-  auto endOf = [&](std::size_t i) { return Exporter::noteEnd(notes[i].tick, notes[i].duration); };
-  bool rising = allowSearch;
-  for (std::size_t i = 1; rising && i < notes.size(); ++i)
-    rising = tickOf(i - 1) <= tickOf(i) && endOf(i - 1) <= endOf(i);
-  if (rising) {
-    out.indices.reserve(notes.size() + bars.size());
-    for (const auto& bar : bars) {
-      const std::int64_t barEnd = bar.startTick + bar.tpBar;
-      std::size_t lo = 0, hi = notes.size();
-      // First note that ends after the bar start.
-      while (lo < hi) {
-        std::size_t mid = lo + (hi - lo) / 2;
-        if (endOf(mid) > bar.startTick) {
-          hi = mid;
-        } else {
-          lo = mid + 1;
-        }
-      }
-      const std::size_t first = lo;
-      hi = notes.size();
-      // First note that starts at or after the bar end.
-      while (lo < hi) {
-        std::size_t mid = lo + (hi - lo) / 2;
-        if (tickOf(mid) >= barEnd) {
-          hi = mid;
-        } else {
-          lo = mid + 1;
-        }
-      }
-      for (std::size_t i = first; i < lo; ++i) out.indices.push_back(i);
-      out.offsets.push_back(out.indices.size());
-    }
-    return out;
-  }
-  // Notes out of order: look at every note for every bar, then order each bar's by tick.
-  for (const auto& bar : bars) {
-    const std::int64_t barEnd = bar.startTick + bar.tpBar;
-    const std::size_t from = out.indices.size();
-    for (std::size_t i = 0; i < notes.size(); ++i)
-      if (tickOf(i) < barEnd && endOf(i) > bar.startTick) out.indices.push_back(i);
-    std::stable_sort(out.indices.begin() + static_cast<std::ptrdiff_t>(from), out.indices.end(),
-                     [&](std::size_t a, std::size_t b) { return tickOf(a) < tickOf(b); });
-    out.offsets.push_back(out.indices.size());
-  }
-  return out;
 }
 
 // ---- Text building: one string, appended to, no streams ----
@@ -248,7 +112,7 @@ struct Piece {
   bool tieStart;  // ends before the note does
 };
 
-void putNote(std::string& out, const Kept& k, const Piece& p, std::int64_t ppq) {
+void putNote(std::string& out, const SungNote& k, const Piece& p, std::int64_t ppq) {
   const NoteEvent& n = *k.note;
   const auto spelling = Exporter::pitchSpelling(n.pitch);
   const auto value = Exporter::noteValue(p.end - p.start, ppq);
@@ -311,12 +175,12 @@ class BarWriter {
             const TempoMark* tempoEnd)
       : out_(out), ppq_(ppq), tBegin_(tempoBegin), tNext_(tempoBegin), tEnd_(tempoEnd) {}
 
-  void write(const Exporter::Bar& bar, const std::vector<Kept>& notes, const std::size_t* idx,
+  void write(const ScoreBar& bar, const std::vector<SungNote>& notes, const std::size_t* idx,
              const std::size_t* idxEnd) {
     const std::int64_t barStart = bar.startTick, barEnd = bar.startTick + bar.tpBar;
     cursor_ = barStart;
     for (; idx != idxEnd; ++idx) {
-      const Kept& k = notes[*idx];
+      const SungNote& k = notes[*idx];
       const std::int64_t noteEnd = k.end();
       const std::int64_t head = std::max(barStart, k.tick);
       const std::int64_t segStart = std::max(head, cursor_);
@@ -340,7 +204,7 @@ class BarWriter {
 
  private:
   // The head piece is the note's first: it holds the lyric and no tie stop.
-  void writePiece(const Kept& k, std::int64_t start, std::int64_t end, std::int64_t segStart,
+  void writePiece(const SungNote& k, std::int64_t start, std::int64_t end, std::int64_t segStart,
                   std::int64_t barStart, std::int64_t noteEnd) {
     flush(start);
     const Piece p{start, end, k.tick >= barStart && start == segStart, end < noteEnd};
@@ -379,92 +243,6 @@ int fifthsAt(const std::vector<KeySignatureEvent>& sortedKeys, std::int64_t tick
 }
 
 }  // namespace
-
-std::int64_t MusicXMLExporter::noteEnd(std::int64_t tick, std::int64_t duration) {
-  std::int64_t end;
-  if (__builtin_add_overflow(tick, duration, &end)) return duration > 0 ? endTickCeiling : 0;
-  return end;
-}
-
-std::vector<MusicXMLExporter::Bar> MusicXMLExporter::barLayout(const MusicDocument& d,
-                                                               bool logging) {
-  const LayoutTarget lt = layoutTarget(d);
-  std::vector<TimeSignatureEvent> meters = stableSortedByTick(d.timeSignatures);
-  if (meters.empty()) meters.push_back(TimeSignatureEvent{0, 4, 4});
-  std::vector<Bar> bars;
-  std::int64_t tick = 0;
-  std::size_t m = 0;  // the meter in force: the last at or before `tick`, else the first
-  while (bars.empty() || tick <= lt.target) {
-    while (m + 1 < meters.size() && meters[m + 1].tick <= tick) ++m;
-    const TimeSignatureEvent& ts = meters[m];
-    const std::int64_t tpBar = std::max<std::int64_t>(d.ppq * ts.numerator * 4 / ts.denominator, 1);
-    bars.push_back({tick, tpBar, ts});
-    tick += tpBar;
-    if (bars.size() == barCeiling) {
-      if (logging) {
-        std::string line = "⚠ 小節数が上限 ";
-        putInt(line, static_cast<std::int64_t>(barCeiling));
-        line += " を超えたため切り詰めました（残り tick: ";
-        putInt(line, lt.target - tick);
-        line += "）";
-        log::write("MusicXMLExporter", line);
-      }
-      break;
-    }
-  }
-  return bars;
-}
-
-std::vector<NoteEvent> MusicXMLExporter::normalizedNotes(const NoteList& notes, std::int64_t ppq) {
-  return materialize(normalize(notes, ppq));
-}
-
-std::vector<NoteEvent> MusicXMLExporter::normalizedNotes(const std::vector<NoteEvent>& notes,
-                                                         std::int64_t ppq) {
-  return materialize(normalize(notes, ppq));
-}
-
-std::vector<MusicXMLExporter::TrimmedOverlap> MusicXMLExporter::trimmedOverlaps(
-    const NoteList& notes, std::int64_t ppq) {
-  std::unordered_map<Uuid, std::int64_t> original;
-  original.reserve(notes.size());
-  for (const auto& n : notes) original[n.id] = n.duration;
-  std::vector<TrimmedOverlap> out;
-  for (const Kept& k : normalize(notes, ppq)) {
-    const std::int64_t before = original[k.note->id];
-    if (k.duration < before) {
-      TrimmedOverlap t{*k.note, k.duration};
-      t.note.duration = before;
-      out.push_back(std::move(t));
-    }
-  }
-  return out;
-}
-
-std::optional<MusicXMLExporter::ExportLimitReport> MusicXMLExporter::exportLimitReport(
-    const MusicDocument& document, int trackIndex) {
-  if (trackIndex < 0 || trackIndex >= static_cast<int>(document.tracks.size())) return std::nullopt;
-  if (document.tracks[trackIndex].notes.empty()) return std::nullopt;
-  const MusicDocument copy = document.singleTrackCopy(trackIndex);
-  const LayoutTarget lt = layoutTarget(copy);
-  const std::vector<Bar> bars = barLayout(copy, false);
-  if (bars.size() < barCeiling) return std::nullopt;
-  const std::int64_t limit = bars.back().startTick + bars.back().tpBar;
-  if (limit > lt.target) return std::nullopt;
-  ExportLimitReport report;
-  report.limitTick = limit;
-  for (const Kept& k : normalize(copy.tracks.front().notes, copy.ppq)) {
-    if (k.tick >= limit) {
-      report.beyond.push_back(*k.note);
-      report.beyond.back().duration = k.duration;
-    } else if (k.end() > limit) {
-      report.crossing.push_back(*k.note);
-      report.crossing.back().duration = k.duration;
-    }
-  }
-  if (report.beyond.empty() && report.crossing.empty()) return std::nullopt;
-  return report;
-}
 
 std::string MusicXMLExporter::xmlEscaped(std::string_view text) {
   std::string out;
@@ -531,14 +309,8 @@ MusicXMLExporter::PitchSpelling MusicXMLExporter::pitchSpelling(int pitch) {
   return {kSteps[p % 12], kAlters[p % 12], p / 12 - 1};
 }
 
-MusicXMLExporter::BarNotes MusicXMLExporter::notesByBar(const std::vector<Bar>& bars,
-                                                        const std::vector<NoteEvent>& notes,
-                                                        bool allowSearch) {
-  return assignNotes(bars, notes, allowSearch);
-}
-
 std::string MusicXMLExporter::render(const MusicDocument& d) {
-  const std::vector<Bar> bars = barLayout(d, true);
+  const std::vector<ScoreBar> bars = scoreBarLayout(d, true);
   const std::int64_t ppq = d.ppq;
 
   std::vector<TempoMark> tempos;
@@ -552,7 +324,7 @@ std::string MusicXMLExporter::render(const MusicDocument& d) {
   std::vector<Attributes> attributes(bars.size(), Attributes::none);
   int previousFifths = 0;
   for (std::size_t b = 0; b < bars.size(); ++b) {
-    const Bar& bar = bars[b];
+    const ScoreBar& bar = bars[b];
     auto byTick = [](const TempoMark& m, std::int64_t t) { return m.tick < t; };
     tempoFrom[b] = static_cast<std::size_t>(
         std::lower_bound(tempos.begin(), tempos.end(), bar.startTick, byTick) - tempos.begin());
@@ -563,7 +335,7 @@ std::string MusicXMLExporter::render(const MusicDocument& d) {
     if (b == 0) {
       attributes[b] = Attributes::full;
     } else {
-      const Bar& prev = bars[b - 1];
+      const ScoreBar& prev = bars[b - 1];
       if (bar.ts.numerator != prev.ts.numerator || bar.ts.denominator != prev.ts.denominator) {
         attributes[b] = Attributes::time;
       } else if (fifths != previousFifths) {
@@ -600,13 +372,13 @@ std::string MusicXMLExporter::render(const MusicDocument& d) {
   put(out, "\n  </part-list>\n");
 
   for (std::size_t t = 0; t < d.tracks.size(); ++t) {
-    const std::vector<Kept> notes = normalize(d.tracks[t].notes, ppq);
-    const BarNotes byBar = assignNotes(bars, notes, true);
+    const std::vector<SungNote> notes = sungLine(d.tracks[t].notes, ppq);
+    const BarNotes byBar = notesByBar(bars, notes);
     put(out, "  <part id=\"P");
     putInt(out, static_cast<std::int64_t>(t + 1));
     put(out, "\">\n");
     for (std::size_t b = 0; b < bars.size(); ++b) {
-      const Bar& bar = bars[b];
+      const ScoreBar& bar = bars[b];
       put(out, "    <measure number=\"");
       putInt(out, static_cast<std::int64_t>(b + 1));
       put(out, "\">\n");

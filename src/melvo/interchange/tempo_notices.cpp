@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "melvo/interchange/musicxml_exporter.h"
+#include "melvo/model/sung_line.h"
 #include "melvo/platform/text.h"
 
 namespace melvo {
@@ -25,11 +25,10 @@ void addTempoInsideNoteNotices(MusicDocument& document) {
 
   for (int index : tracks) {
     // The notes as they will be written, so that the places match the score's ties.
-    const auto notes =
-        MusicXMLExporter::normalizedNotes(document.tracks[index].notes, document.ppq);
+    const auto notes = normalizedNotes(document.tracks[index].notes, document.ppq);
     for (const NoteEvent& n : notes) {
       auto next = std::upper_bound(tempoTicks.begin(), tempoTicks.end(), n.tick);
-      if (next == tempoTicks.end() || *next >= MusicXMLExporter::noteEnd(n.tick, n.duration)) {
+      if (next == tempoTicks.end() || *next >= sungNoteEnd(n.tick, n.duration)) {
         continue;
       }
       const std::string_view lyric = text::trimWhitespaceAndNewlines(n.lyric);

@@ -54,6 +54,18 @@ bool isWhitespace(char32_t c);           // Unicode Zs and tab
 bool isWhitespaceOrNewline(char32_t c);  // the above, Zl, Zp, LF, VT, FF, CR, NEL
 bool isLyricTrimScalar(char32_t c);      // the above, U+200B and U+FEFF
 std::string_view trim(std::string_view s, bool (*drop)(char32_t));
+// `s` with every scalar for which `drop` holds removed (broken UTF-8 comes out as U+FFFD).
+template <class Pred>
+std::string withoutScalars(std::string_view s, Pred drop) {
+  std::string out;
+  out.reserve(s.size());
+  std::size_t i = 0;
+  while (i < s.size()) {
+    const char32_t c = nextScalar(s, i);
+    if (!drop(c)) appendScalar(out, c);
+  }
+  return out;
+}
 inline std::string_view trimWhitespace(std::string_view s) {
   return trim(s, isWhitespace);
 }

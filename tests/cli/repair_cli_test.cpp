@@ -2,9 +2,9 @@
 // and checked, not their words.
 #include <gtest/gtest.h>
 
+#include "checking/score_validator_support.h"
 #include "melvo/app/cleanup_policy_store.h"
 #include "melvo/model/project_file.h"
-#include "score_validator_support.h"
 #include "support/test_support.h"
 
 namespace melvo {

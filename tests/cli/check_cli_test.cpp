@@ -1,8 +1,8 @@
 // `melvo check` as a user and a script see it.
 #include <gtest/gtest.h>
 
+#include "checking/score_validator_support.h"
 #include "melvo/model/project_file.h"
-#include "score_validator_support.h"
 #include "support/test_support.h"
 
 namespace melvo {
