@@ -35,8 +35,9 @@ std::string folderOrConfigured(const std::string& given) {
   std::string configured = loadConfig().neutrinoDirectory;
   // The window's words point at a gear and a menu; here the command that sets it is named.
   if (configured.empty())
-    printError(tr("NEUTRINOフォルダが設定されていません。melvo engine use DIR で指定してください"
-                  "（探すには melvo engine discover）。"));
+    printError(
+        tr("NEUTRINOフォルダが設定されていません。melvo engine use DIR で指定してください"
+           "（探すには melvo engine discover）。"));
   return configured;
 }
 

@@ -96,7 +96,7 @@ class AppState : public Observable {
 
   // How a render or a re-render ended, for whoever started it.
   struct SynthesisOutcome {
-    // refused: a check after the engine's start check said no, nothing was started.
+    // refused: the engine check or a check after it said no; nothing was started.
     enum class Ending { succeeded, refused, failed, cancelled };
     Ending ending = Ending::failed;
     bool success = false;
