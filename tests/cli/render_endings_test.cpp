@@ -207,6 +207,16 @@ TEST_F(RenderEndingsTest, SignalsToRerenderEndItAndTheEngine) {
   }
 }
 
+TEST_F(RenderEndingsTest, ASignalDuringTheEngineCommandsCheckEndsTheCheckToo) {
+  Melvo m({"engine", "status", engine.string()}, env("hang"), tmp / "err");
+  ASSERT_TRUE(eventually([&] { return !processesUnder(engine / "bin").empty(); }, 10s));
+  m.signal(SIGTERM);
+  const auto status = m.waitFor(5s);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(*status, 128 + SIGTERM);
+  EXPECT_TRUE(processesUnder(engine).empty());
+}
+
 TEST_F(RenderEndingsTest, AMelvoThatIsKilledOutrightLeavesNoEngineBehind) {
   Melvo m(renderArgs("out"), env("hang-run"), tmp / "err");
   ASSERT_TRUE(engineRuns()) << m.err();
