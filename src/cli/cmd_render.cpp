@@ -50,8 +50,13 @@ NEUTRINOConfig runConfig(NEUTRINOConfig config, const std::string& engine,
 
 void printDiagnosis(const Diagnosis& d) {
   std::fprintf(stderr, "\n%s\n%s\n", d.title.c_str(), d.detail.c_str());
-  for (std::size_t i = 0; i < d.fixes.size(); ++i)
-    std::fprintf(stderr, "  %zu. %s\n", i + 1, d.fixes[i].c_str());
+  for (std::size_t i = 0; i < d.fixes.size(); ++i) {
+    // A fix may be a sentence and a command on the next line: both stand under the number.
+    std::string fix = d.fixes[i];
+    for (auto at = fix.find('\n'); at != std::string::npos; at = fix.find('\n', at + 1))
+      fix.insert(at + 1, "     ");
+    std::fprintf(stderr, "  %zu. %s\n", i + 1, fix.c_str());
+  }
 }
 
 Json diagnosisJson(const std::optional<Diagnosis>& d) {
@@ -103,14 +108,17 @@ Followed follow(EventLoop& loop, AppState& app,
       tr("合成が失敗しました。メニュー「ミックスダウン」→「合成の記録を表示…」でログを確認"
          "してください。"),
       tr("マルチトラック合成に失敗しました。メニュー「ミックスダウン」→「合成の記録を表示…」"
-         "でログを確認してください。")};
+         "でログを確認してください。"),
+      tr("ボコーダ再実行に失敗しました。ログを確認してください。")};
   auto showLog = [&] {
     const auto& log = app.synthesisLog();
     for (; shownLines < log.size(); ++shownLines) {
       const std::string& line = log[shownLines];
       // Our script's own progress lines are on the bar already.
       if (NEUTRINOEngine::isScriptProgressLine(line)) continue;
-      if (line == failureWords[0] || line == failureWords[1]) continue;
+      if (std::find(std::begin(failureWords), std::end(failureWords), line) !=
+          std::end(failureWords))
+        continue;
       progress.message(line);
     }
   };

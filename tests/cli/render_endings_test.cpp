@@ -242,6 +242,8 @@ TEST_F(RenderEndingsTest, StartFailuresEndTheCommandWithAFailure) {
     ASSERT_TRUE(status) << "hangs: " << m.err();
     EXPECT_EQ(*status, 1) << m.err();
     EXPECT_TRUE(has(m.err(), "Rendering failed")) << m.err();
+    // A script that never started says nothing about the engine's files.
+    EXPECT_FALSE(has(m.err(), "executables were not found")) << m.err();
   }
   EXPECT_TRUE(processesUnder(engine).empty());
 }

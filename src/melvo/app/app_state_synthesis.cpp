@@ -407,7 +407,15 @@ void AppState::endSynthesis(SynthesisOutcome outcome) {
   cancelRequested_ = false;
   if (outcome.success) outcome.ending = SynthesisOutcome::Ending::succeeded;
   if (outcome.ending == SynthesisOutcome::Ending::failed) {
-    _lastDiagnosis = diagnose(_synthesisLog, _config.neutrinoDirectory);
+    // Our own words about a script that could not even start (its file, the temp folder) are
+    // no sign of the engine: their "No such file" would read as a missing engine.
+    std::vector<std::string> engineLog;
+    const std::string startFailure = tr("⚠ 合成開始失敗: ");
+    const std::string vocoderFailure = tr("⚠ ボコーダ起動失敗: ");
+    for (const auto& line : _synthesisLog)
+      if (!line.starts_with(startFailure) && !line.starts_with(vocoderFailure))
+        engineLog.push_back(line);
+    _lastDiagnosis = diagnose(engineLog, _config.neutrinoDirectory);
     outcome.diagnosis = _lastDiagnosis;
   }
   notify("synthesisProgress");
