@@ -2,8 +2,10 @@
 // A .musicxml is the engine's score and holds one track; a .mid holds every track.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "cli/command.h"
 #include "cli/open_song.h"
@@ -20,23 +22,40 @@ namespace {
 
 struct Options {
   std::string in, out;
-  int track = -1;
+  std::string trackText;  // parsed here, so that any bad number is a usage error (exit 2)
   bool trackGiven = false;
 };
 
 enum class Format { project, musicXML, midi };
 
+// A track number as typed: digits only, no sign. A huge one saturates (no song has that many
+// tracks) instead of overflowing into a small one.
+std::optional<std::size_t> parseTrack(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  constexpr std::size_t kCeiling = 1'000'000'000'000;
+  std::size_t n = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    n = std::min(kCeiling, n * 10 + static_cast<std::size_t>(c - '0'));
+  }
+  return n;
+}
+
 // The track for the engine's score: the one asked for, else the export choice. The choice's
 // message goes to stderr so that stdout stays free for scripts.
 std::optional<int> musicXMLTrack(const MusicDocument& d, const Options& o) {
   if (o.trackGiven) {
-    if (o.track < 0 || o.track >= static_cast<int>(d.tracks.size())) {
-      printError(
-          trf("トラック %@ はありません（この曲のトラックは 0 から %@ までです）",
-              {std::to_string(o.track), std::to_string(static_cast<int>(d.tracks.size()) - 1)}));
+    const auto track = parseTrack(o.trackText);
+    if (d.tracks.empty()) {
+      printError(trf("トラック %@ はありません（この曲にはトラックがありません）", {o.trackText}));
       return std::nullopt;
     }
-    return o.track;
+    if (!track || *track >= d.tracks.size()) {
+      printError(trf("トラック %@ はありません（この曲のトラックは 0 から %@ までです）",
+                     {o.trackText, std::to_string(d.tracks.size() - 1)}));
+      return std::nullopt;
+    }
+    return static_cast<int>(*track);
   }
   if (auto choice = chooseExportTrack(d, std::nullopt)) {
     if (!choice->message.empty()) std::fprintf(stderr, "%s\n", choice->message.c_str());
@@ -63,6 +82,10 @@ int convert(const Options& o) {
   }
   if (o.trackGiven && format != Format::musicXML) {
     printError(tr("--track は .musicxml に書き出す時だけ使えます"));
+    return 2;
+  }
+  if (o.trackGiven && !parseTrack(o.trackText)) {
+    printError(trf("--track には 0 以上のトラック番号を指定してください: %@", {o.trackText}));
     return 2;
   }
   std::optional<MusicDocument> opened = openOrReport(o.in);
@@ -107,7 +130,7 @@ const bool registered = registerCommand(
        sub.add_option("IN", opts->in, tr("読むファイル"))->required();
        sub.add_option("OUT", opts->out, tr("書くファイル（.nsproj、.musicxml、.mid）"))->required();
        auto* track =
-           sub.add_option("--track", opts->track,
+           sub.add_option("--track", opts->trackText,
                           tr("書き出すトラックの番号（0 から数える。.musicxml の時だけ）"));
        track->type_name("N");
        sub.footer(

@@ -1,6 +1,8 @@
 // melvo info FILE [--json]: what a song holds, at a glance.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 
@@ -23,10 +25,12 @@ std::int64_t barCount(const MusicDocument& d) {
   return end == 0 ? 0 : d.barRuler().barNumber(end - 1);
 }
 
+// Rounded to tenths first, so 59.97 s reads "1:00.0" and never "0:60.0".
 std::string formatSeconds(double s) {
-  char buf[32];
-  int minutes = static_cast<int>(s / 60);
-  std::snprintf(buf, sizeof buf, "%d:%04.1f", minutes, s - minutes * 60);
+  char buf[48];
+  if (!std::isfinite(s) || s < 0) s = 0;
+  const auto tenths = static_cast<long long>(std::llround(std::min(s, 1e15) * 10));
+  std::snprintf(buf, sizeof buf, "%lld:%02lld.%lld", tenths / 600, tenths % 600 / 10, tenths % 10);
   return buf;
 }
 

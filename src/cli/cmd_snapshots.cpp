@@ -2,6 +2,7 @@
 // user whose editor crashed and for scripts.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -24,6 +25,7 @@ struct Options {
   std::string snapshot;
   std::string out;
   std::vector<std::string> discard;
+  std::string session;
 };
 
 Json toJson(const AutoSaveSnapshot& s) {
@@ -35,6 +37,7 @@ Json toJson(const AutoSaveSnapshot& s) {
   j["noteCount"] = s.noteCount;
   j["title"] = s.title;
   j["projectPath"] = s.projectPath ? Json(*s.projectPath) : Json(nullptr);
+  j["session"] = s.session;
   return j;
 }
 
@@ -64,14 +67,16 @@ int list(const Options& o) {
   for (const auto& s : found) {
     std::string kind = s.manual ? tr("手動") : tr("自動");
     std::printf(
-        "%s  %s  %s\n    %s\n", localTime(s.date).c_str(), kind.c_str(),
+        "%s  %s  %s\n    %s\n    %s\n", localTime(s.date).c_str(), kind.c_str(),
         trf("「%@」 — %d音符", {s.label ? *s.label : s.title, std::to_string(s.noteCount)}).c_str(),
-        s.url.c_str());
+        s.url.c_str(), trf("セッション %@", {s.session.empty() ? "-" : s.session}).c_str());
   }
   return 0;
 }
 
 int restore(const Options& o) {
+  EventLoop loop;
+  AutoSaveManager manager(loop);
   auto snap = AutoSaveManager::readSnapshot(o.snapshot);
   if (!snap) {
     printError(trf("自動保存が見つかりません: %@", {o.snapshot}));
@@ -83,25 +88,54 @@ int restore(const Options& o) {
     printError(e.what());
     return 1;
   }
+  // Taken back: a crash copy is no longer offered (a file outside the folders is left alone).
+  manager.settle(*snap);
   std::printf("%s\n", trf("「%@」を %@ へ復元しました", {snap->title, o.out}).c_str());
   return 0;
 }
 
 int discard(const Options& o) {
+  EventLoop loop;
+  AutoSaveManager manager(loop);
+  if (!o.session.empty()) {
+    if (!o.discard.empty()) {
+      printError(tr("--session とファイルは一緒に指定できません"));
+      return 2;
+    }
+    if (manager.discardSession(o.session) == 0) {
+      printError(trf("このセッションの自動保存はありません: %@", {o.session}));
+      return 1;
+    }
+    return 0;
+  }
+  if (o.discard.empty()) {
+    printError(tr("破棄する自動保存のファイルか --session を指定してください"));
+    return 2;
+  }
   int status = 0;
   for (const auto& path : o.discard) {
-    auto snap = AutoSaveManager::readSnapshot(path);
-    if (!snap) {
+    std::error_code ec;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(path, ec))) {
       printError(trf("自動保存が見つかりません: %@", {path}));
-      status = 1;
+      status = std::max(status, 1);
+      continue;
+    }
+    // Only the copies in the autosave folders: a user's own project is never trashed here.
+    auto snap = manager.snapshotAt(path);
+    if (!snap) {
+      printError(trf("自動保存のフォルダの中のファイルではありません: %@", {path}));
+      status = 2;
       continue;
     }
     if (!AutoSaveManager::moveToTrash(*snap)) {
       printError(
           tr("ゴミ箱へ移せませんでした。この保存はそのまま残っています。Finder "
              "で表示して、手でゴミ箱へ移してください。"));
-      status = 1;
+      status = std::max(status, 1);
+      continue;
     }
+    // Discarding a crash copy discards its session here, not just the newest of its copies.
+    manager.settle(*snap);
   }
   return status;
 }
@@ -120,7 +154,9 @@ const bool registered = registerCommand(
        r->add_option("SNAPSHOT", opts->snapshot, tr("自動保存のファイル"))->required();
        r->add_option("OUT", opts->out, tr("書き出す .nsproj"))->required();
        auto* d = sub.add_subcommand("discard", tr("自動保存をゴミ箱へ移す"));
-       d->add_option("SNAPSHOT", opts->discard, tr("自動保存のファイル"))->required();
+       d->add_option("SNAPSHOT", opts->discard, tr("自動保存のファイル"));
+       d->add_option("--session", opts->session,
+                     tr("このセッションの自動保存を、復元候補からまとめて外す"));
        return [opts, l, r, d] {
          if (l->parsed()) return list(*opts);
          if (r->parsed()) return restore(*opts);

@@ -46,6 +46,11 @@ TEST_F(AppStateTest, ConfigFileNeedsAllKeysOrTheDefaultsStay) {
 
   test::writeText(NEUTRINOConfig::defaultPath(), "{not json");
   EXPECT_EQ(ScriptedCore().app->config(), NEUTRINOConfig{});
+
+  // The start writes what is in force, so the damaged file is replaced by a whole one.
+  ScriptedCore started;
+  started.app->start();
+  EXPECT_EQ(NEUTRINOConfig::load(), std::optional<NEUTRINOConfig>(NEUTRINOConfig{}));
 }
 
 TEST_F(AppStateTest, RecentFilesKeepTwentyFiveMoveToTopAndSurviveRestart) {

@@ -107,15 +107,129 @@ std::pair<int, Json> stopServeWithUnsavedCopy(int signal, AutoSaveSnapshot& copy
   return {status, r.status == 0 ? Json::parse(r.out) : Json()};
 }
 
-TEST(Recovery, ServeStoppedBySigtermLeavesNothingToRecover) {
+// A run that only opened the project and quit in order has nothing of its own to settle: the
+// copy of the run that died stays on offer.
+TEST(Recovery, AnOrderlyRunThatOnlyOpenedTheProjectLeavesACrashCopyOnOffer) {
   test::TempHome home;
   AutoSaveSnapshot copy;
   auto [status, offered] = stopServeWithUnsavedCopy(SIGTERM, copy);
   ASSERT_TRUE(WIFEXITED(status)) << status;
   EXPECT_EQ(WEXITSTATUS(status), 0);
   ASSERT_TRUE(offered.isArray());
-  EXPECT_EQ(offered.size(), 0u);
-  EXPECT_TRUE(fs::exists(copy.url));  // the project's history stays; it is only settled
+  ASSERT_EQ(offered.size(), 1u);
+  EXPECT_EQ(offered.asArray()[0].find("path")->asString(), copy.url.string());
+}
+
+// A run that dies after writing `titles` as automatic copies (oldest first) of `project`, or
+// of an unsaved song when there is none, in the time zone `tz`. Returns its session.
+std::string crashedRunWrote(const std::optional<fs::path>& project,
+                            const std::vector<std::string>& titles, const char* tz = nullptr) {
+  int fds[2];
+  if (pipe(fds) != 0) return {};
+  const pid_t pid = forkChild([&] {
+    close(fds[0]);
+    if (tz) {
+      setenv("TZ", tz, 1);
+      tzset();
+    }
+    EventLoop loop(std::make_shared<ManualClock>());
+    AutoSaveManager run(loop);
+    if (project) run.setProject(project->string());
+    for (const auto& t : titles) {
+      run.writeSnapshot(songNamed(t), std::nullopt, false);
+      std::this_thread::sleep_for(2ms);
+    }
+    (void)!write(fds[1], run.sessionId().data(), run.sessionId().size());
+  });
+  close(fds[1]);
+  std::string session;
+  char buf[64];
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) session.append(buf, n);
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+  return session;
+}
+
+Json listed(const std::vector<std::string>& env = {}) {
+  auto r = test::runMelvo({"snapshots", "list", "--json"}, env);
+  EXPECT_EQ(r.status, 0) << r.err;
+  return r.status == 0 ? Json::parse(r.out) : Json::array();
+}
+
+// Whether a copy is newer than its project must not hang on the reader's clock settings.
+TEST(Recovery, ACrashCopyIsOfferedWithTheSameDateInEveryTimeZone) {
+  test::TempHome home;
+  test::TempDir files;
+  const fs::path project = files / "tz.nsproj";
+  writeProject(songNamed("tz"), project);
+  fs::last_write_time(project, fs::file_time_type::clock::now() - 1h);
+  ASSERT_FALSE(crashedRunWrote(project, {"written in UTC"}, "UTC").empty());
+
+  const Json utc = listed({"TZ=UTC"});
+  const Json tokyo = listed({"TZ=JST-9"});
+  const Json honolulu = listed({"TZ=HST10"});
+  ASSERT_EQ(utc.size(), 1u);
+  ASSERT_EQ(tokyo.size(), 1u);
+  ASSERT_EQ(honolulu.size(), 1u);
+  EXPECT_EQ(utc.asArray()[0].find("date")->asDouble(), tokyo.asArray()[0].find("date")->asDouble());
+  EXPECT_EQ(utc.asArray()[0].find("date")->asDouble(),
+            honolulu.asArray()[0].find("date")->asDouble());
+
+  // Taken back into a file: no longer offered.
+  auto r = test::runMelvo({"snapshots", "restore", utc.asArray()[0].find("path")->asString(),
+                           (files / "back.nsproj").string()});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readProject(files / "back.nsproj").title, "written in UTC");
+  EXPECT_EQ(listed().size(), 0u);
+}
+
+// Discarding is for copies only, and it dismisses the run that died, not one copy at a time.
+TEST(Recovery, DiscardTouchesOnlyCopiesAndDismissesTheirWholeSession) {
+  test::TempHome home;
+  test::TempDir files;
+  const fs::path project = files / "mine.nsproj";
+  writeProject(songNamed("mine"), project);
+  fs::last_write_time(project, fs::file_time_type::clock::now() - 1h);
+  crashedRunWrote(project, {"edit 1", "edit 2", "edit 3"});
+
+  // The user's own project, and a link into the folders that leads to it, are refused.
+  auto r = test::runMelvo({"snapshots", "discard", project.string()});
+  EXPECT_EQ(r.status, 2) << r.err;
+  Json offered = listed();
+  ASSERT_EQ(offered.size(), 1u);
+  const fs::path newest = offered.asArray()[0].find("path")->asString();
+  fs::create_symlink(project, newest.parent_path() / "link.nsproj");
+  r = test::runMelvo({"snapshots", "discard", (newest.parent_path() / "link.nsproj").string()});
+  EXPECT_EQ(r.status, 2) << r.err;
+  EXPECT_TRUE(fs::exists(project));
+  EXPECT_FALSE(fs::exists(home.path() / "Trash" / "files" / "mine.nsproj"));
+  fs::remove(newest.parent_path() / "link.nsproj");
+
+  // The newest copy goes to the trash, and its older siblings are not offered in its place.
+  r = test::runMelvo({"snapshots", "discard", newest.string()});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(listed().size(), 0u);
+  EXPECT_FALSE(fs::exists(newest));
+  EXPECT_TRUE(fs::exists(project));
+
+  // Two more dead runs, one on the project and one on an unsaved song; a session is dismissed
+  // as a whole and the other stays.
+  const std::string projectRun = crashedRunWrote(project, {"later 1", "later 2"});
+  const std::string songRun = crashedRunWrote(std::nullopt, {"untitled 1", "untitled 2"});
+  ASSERT_EQ(listed().size(), 2u);
+  r = test::runMelvo({"snapshots", "discard", "--session", songRun});
+  EXPECT_EQ(r.status, 0) << r.err;
+  offered = listed();
+  ASSERT_EQ(offered.size(), 1u);
+  EXPECT_EQ(offered.asArray()[0].find("session")->asString(), projectRun);
+  r = test::runMelvo({"snapshots", "discard", "--session", projectRun});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(listed().size(), 0u);
+  r = test::runMelvo({"snapshots", "discard", "--session", projectRun});
+  EXPECT_EQ(r.status, 1);  // nothing of it is left to dismiss
+  // The project's history is kept, settled; the unsaved song's automatic copies are gone.
+  auto history = test::runMelvo({"snapshots", "list", "--json", project.string()});
+  EXPECT_EQ(Json::parse(history.out).size(), 4u);
 }
 
 TEST(Recovery, ServeKilledLeavesItsCopyOnOffer) {
@@ -130,10 +244,11 @@ TEST(Recovery, ServeKilledLeavesItsCopyOnOffer) {
 }
 
 // A saver alternates two versions of a song as fast as it can and is killed at a point spread
-// over its save cycle. The project must always hold one version whole. A kill that lands
-// inside a write leaves that write's temporary file behind; the test counts those, so that it
-// is known to have cut saves short rather than only ever hitting the gaps between them.
-TEST(Recovery, AKilledSaveLeavesOldOrNewContentNeverAMix) {
+// over its save cycle. The project must always hold one version whole, and nothing else may
+// stay in its folder: a kill leaves at most a named temporary for the instant between naming
+// the new file and renaming it, and the next save removes that. The saver marks the start and
+// the end of each save on a pipe, so the test knows that kills landed inside saves.
+TEST(Recovery, AKilledSaveLeavesOldOrNewContentAndNothingElse) {
   test::TempHome home;
   test::TempDir files;
   // Small enough that writing is a fair part of a save, not lost behind encoding.
@@ -141,32 +256,46 @@ TEST(Recovery, AKilledSaveLeavesOldOrNewContentNeverAMix) {
   const std::string encodedA = encodeProject(a), encodedB = encodeProject(b);
   const fs::path p = files / "torn.nsproj";
   writeProject(a, p);
+  auto othersInFolder = [&] {
+    std::vector<fs::path> out;
+    for (const auto& e : fs::directory_iterator(files.path()))
+      if (e.path() != p) out.push_back(e.path());
+    return out;
+  };
 
-  int rounds = 0, cutShort = 0;
+  int rounds = 0, insideSave = 0, leftBehind = 0;
+  std::vector<fs::path> previousLeftovers;
   const auto deadline = std::chrono::steady_clock::now() + 8s;
   while (rounds < 60 && std::chrono::steady_clock::now() < deadline) {
-    int saved[2];
-    ASSERT_EQ(pipe(saved), 0);
+    int marks[2];
+    ASSERT_EQ(pipe(marks), 0);
     const pid_t saver = forkChild([&] {
-      close(saved[0]);
+      close(marks[0]);
       ScriptedCore core;
       if (core.app->open(p) != AppState::FlowResult::done) return;
       for (int i = 0;; ++i) {
         core.vm().commit("編集", [&](MusicDocument& d) { d = (i % 2) ? a : b; });
+        (void)!write(marks[1], "b", 1);
         if (core.app->save() != AppState::FlowResult::done) return;
-        const char c = 's';
-        (void)!write(saved[1], &c, 1);  // one byte per finished save
+        (void)!write(marks[1], "e", 1);
       }
     });
     ASSERT_GT(saver, 0);
-    close(saved[1]);
+    close(marks[1]);
+    char last = 0;
     auto nextSave = [&] {
       char c = 0;
-      return read(saved[0], &c, 1) == 1;
+      while (read(marks[0], &c, 1) == 1) {
+        last = c;
+        if (c == 'e') return true;
+      }
+      return false;
     };
     // Time a few saves, then kill at a fraction of that period that differs every round
     // (golden-ratio steps cover the cycle evenly).
     bool running = nextSave();
+    // The saver's first save has cleared what the last round's kill may have left.
+    for (const auto& old : previousLeftovers) EXPECT_FALSE(fs::exists(old)) << old;
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 4 && running; ++i) running = nextSave();
     const auto period = (std::chrono::steady_clock::now() - start) / 4;
@@ -177,25 +306,28 @@ TEST(Recovery, AKilledSaveLeavesOldOrNewContentNeverAMix) {
     }
     kill(saver, SIGKILL);
     waitpid(saver, nullptr, 0);
-    close(saved[0]);
+    for (char c; read(marks[0], &c, 1) == 1;) last = c;
+    close(marks[0]);
     ASSERT_TRUE(running) << "the saver stopped saving";
     ++rounds;
+    insideSave += last == 'b';
 
-    bool leftover = false;
-    for (const auto& e : fs::directory_iterator(files.path())) {
-      if (e.path() == p) continue;
-      leftover = true;  // nothing else writes here: it is a save that was cut short
-      fs::remove(e.path());
-    }
     ASSERT_TRUE(fs::exists(p)) << "round " << rounds;
     const std::string bytes = test::readText(p);
     EXPECT_TRUE(bytes == encodedA || bytes == encodedB)
         << "round " << rounds << ": the project holds " << bytes.size() << " bytes";
-    cutShort += leftover;
+    previousLeftovers = othersInFolder();
+    leftBehind += !previousLeftovers.empty();
+    for (const auto& f : previousLeftovers)
+      EXPECT_EQ(f.filename().string().rfind(".torn.nsproj.tmp-", 0), 0u) << f;
   }
-  EXPECT_GT(cutShort, 0) << "no kill in " << rounds << " rounds landed inside a write";
+  // One more save, and the folder holds the project alone.
+  writeProject(a, p);
+  EXPECT_TRUE(othersInFolder().empty());
+  EXPECT_GT(insideSave, 0) << "no kill in " << rounds << " rounds landed inside a save";
   RecordProperty("rounds", rounds);
-  RecordProperty("cutShort", cutShort);
+  RecordProperty("insideSave", insideSave);
+  RecordProperty("leftBehind", leftBehind);
 }
 
 }  // namespace

@@ -102,6 +102,59 @@ TEST(ProjectFile, StrictWhereAValueCannotBeRepaired) {
   EXPECT_THROW(decodeProject("not json at all"), ProjectDecodeError);
 }
 
+std::string decodeError(const std::string& bytes) {
+  try {
+    decodeProject(bytes);
+  } catch (const ProjectDecodeError& e) {
+    return e.what();
+  }
+  return "decoded";
+}
+
+TEST(ProjectFile, RefusesPositionsAndResolutionsTheModelCannotHold) {
+  // ppq: none, negative and absurd ones would make every bar and duration wrong.
+  for (const char* ppq : {"0", "-480", "1152921504606846976"})
+    EXPECT_NE(decodeError(std::string(R"({"ppq":)") + ppq + "}").find("ppq"), std::string::npos)
+        << ppq;
+  EXPECT_EQ(decodeProject(R"({"ppq":960})").ppq, 960);
+  // Map positions outside 0..maxTick, which bar arithmetic would overflow on.
+  EXPECT_NE(decodeError(R"({"timeSignatures":[{"tick":-1,"numerator":4,"denominator":4}]})")
+                .find("timeSignatures.tick"),
+            std::string::npos);
+  EXPECT_NE(
+      decodeError(R"({"tempoMap":[{"tick":9223372036854775000,"bpm":120}]})").find("tempoMap.tick"),
+      std::string::npos);
+  EXPECT_NE(decodeError(R"({"keySignatures":[{"tick":268435456,"fifths":0}]})").find("268435456"),
+            std::string::npos);
+  EXPECT_EQ(decodeProject(R"({"tempoMap":[{"tick":268435455,"bpm":120}]})").tempoMap[0].tick,
+            maxTick);
+  // Velocity is kept as given, so one that an int cannot hold is refused, not clipped.
+  const std::string note = R"({"tracks":[{"notes":[{"tick":0,"duration":1,"pitch":60,"velocity":)";
+  EXPECT_NE(decodeError(note + "5000000000}]}]}").find("velocity"), std::string::npos);
+  EXPECT_EQ(decodeProject(note + "-7}]}]}").tracks[0].notes[0].velocity, -7);
+}
+
+TEST(ProjectFile, ReadErrorsSayWhatIsWrongWithTheBytes) {
+  const std::string whole = encodeProject(fixedDocument());
+  // A byte order mark is accepted.
+  EXPECT_EQ(decodeProject("\xEF\xBB\xBF" + whole).title, fixedDocument().title);
+  EXPECT_EQ(decodeError(whole.substr(0, whole.size() / 2)),
+            "The project file is malformed: The file is cut short");
+  EXPECT_EQ(decodeError(whole + "\n{}"),
+            "The project file is malformed: There is extra data after the JSON");
+  EXPECT_EQ(decodeError(whole + " junk"),
+            "The project file is malformed: There is extra data after the JSON");
+  EXPECT_EQ(decodeError("[1,2]"), "The project file is malformed: The top level is not an object");
+  EXPECT_EQ(decodeError("  "), "The project file is malformed: The file is empty");
+  EXPECT_EQ(decodeProject(whole + "\n\n").title, fixedDocument().title);
+}
+
+TEST(ProjectFile, LyricsLoseLineBreaksAndControlCharacters) {
+  auto d = decodeProject(
+      R"({"tracks":[{"notes":[{"tick":0,"duration":1,"pitch":60,"lyric":"\r\nさ\tく\u0000ら\r"}]}]})");
+  EXPECT_EQ(d.tracks[0].notes[0].lyric, "さくら");
+}
+
 TEST(ProjectFile, NewerSchemaOpensAndSavesBackWithoutUnknownKeys) {
   MusicDocument d = decodeProject(R"({"schemaVersion":999,"foo":{"bar":[1,2]},"ppq":960})");
   EXPECT_EQ(d.schemaVersion, 999);

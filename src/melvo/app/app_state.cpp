@@ -77,6 +77,18 @@ std::vector<T> decodeList(const Json* list, F decodeOne) {
   return out;
 }
 
+Json recentsToJson(const std::vector<AppState::RecentFile>& list) {
+  Json out = Json::array();
+  for (const auto& r : list) out.push(recentToJson(r));
+  return out;
+}
+
+Json takesToJson(const std::vector<AppState::Take>& list) {
+  Json out = Json::array();
+  for (const auto& t : list) out.push(takeToJson(t));
+  return out;
+}
+
 std::string absolutePath(const fs::path& p) {
   std::error_code ec;
   const fs::path a = fs::absolute(p, ec);
@@ -112,6 +124,9 @@ AppState::~AppState() {
 
 void AppState::start() {
   log::write("AppState", substitute("Melvo %@", {MELVO_VERSION}));
+  // The settings as this run found them are on disk from the start, defaults included, so
+  // the user (and a second process) can read what is in force.
+  saveConfig();
   autoSave_.startTimer();
   setShowHome(true);
   _recoverableSnapshots = autoSave_.findRecoverable();
@@ -343,6 +358,9 @@ AppState::FlowResult AppState::restoreSnapshot(const AutoSaveSnapshot& snap) {
   pianoRollVM_.swapDocument(std::move(doc), _projectFilePath);
   pianoRollVM_.markDirty();
   setShowHome(false);
+  // A crash copy that was taken back is no longer on offer; the song it became is this run's.
+  autoSave_.settle(snap);
+  if (std::erase(_recoverableSnapshots, snap) > 0) notify("recoverableSnapshots");
   return FlowResult::done;
 }
 
@@ -370,20 +388,41 @@ void AppState::setConfig(NEUTRINOConfig config) {
 
 // ---- Recent files ----
 
+// The stored list is re-read under the preferences lock and changed there, so a file that
+// another Melvo process added meanwhile stays in it.
 void AppState::addRecent(const std::string& path, const std::string& title,
                          std::int64_t totalNotes) {
-  std::erase_if(_recentFiles, [&](const RecentFile& r) { return r.path == path; });
-  _recentFiles.insert(_recentFiles.begin(),
-                      RecentFile{Uuid::random(), path, title, referenceSecondsNow(), totalNotes});
-  if (_recentFiles.size() > kRecentLimit) _recentFiles.resize(kRecentLimit);
-  notify("recentFiles");
-  saveRecents();
+  changeRecents([&](std::vector<RecentFile>& list) {
+    std::erase_if(list, [&](const RecentFile& r) { return r.path == path; });
+    list.insert(list.begin(),
+                RecentFile{Uuid::random(), path, title, referenceSecondsNow(), totalNotes});
+    if (list.size() > kRecentLimit) list.resize(kRecentLimit);
+    return true;
+  });
 }
 
 void AppState::removeRecent(const std::string& path) {
-  if (std::erase_if(_recentFiles, [&](const RecentFile& r) { return r.path == path; })) {
+  changeRecents([&](std::vector<RecentFile>& list) {
+    return std::erase_if(list, [&](const RecentFile& r) { return r.path == path; }) > 0;
+  });
+}
+
+void AppState::changeRecents(const std::function<bool(std::vector<RecentFile>&)>& change) {
+  std::vector<RecentFile> list;
+  preferences_.update(kRecentFilesKey, [&](const Json& stored) {
+    try {
+      list = decodeList<RecentFile>(stored.isNull() ? nullptr : &stored, recentFromJson);
+    } catch (const std::exception& e) {
+      log::write("AppState", std::string("recent files unreadable: ") + e.what());
+      list.clear();
+    }
+    if (!change(list) && !stored.isNull()) return stored;
+    return recentsToJson(list);
+  });
+  std::erase_if(list, [](const RecentFile& r) { return !fileExists(r.path); });
+  if (list != _recentFiles) {
+    _recentFiles = std::move(list);
     notify("recentFiles");
-    saveRecents();
   }
 }
 
@@ -399,18 +438,28 @@ void AppState::loadRecents() {
 }
 
 void AppState::saveRecents() {
-  Json list = Json::array();
-  for (const auto& r : _recentFiles) list.push(recentToJson(r));
-  preferences_.set(kRecentFilesKey, std::move(list));
+  preferences_.set(kRecentFilesKey, recentsToJson(_recentFiles));
 }
 
 // ---- Takes ----
 
+// Read-modify-write under the preferences lock: renders finishing in several processes at
+// once each add their take to what the others stored.
 void AppState::addTake(Take take) {
-  _takeHistory.insert(_takeHistory.begin(), std::move(take));
-  if (_takeHistory.size() > kTakeLimit) _takeHistory.resize(kTakeLimit);
+  std::vector<Take> list;
+  preferences_.update(kTakeHistoryKey, [&](const Json& stored) {
+    try {
+      list = decodeList<Take>(stored.isNull() ? nullptr : &stored, takeFromJson);
+    } catch (const std::exception& e) {
+      log::write("AppState", std::string("take history unreadable: ") + e.what());
+      list.clear();
+    }
+    list.insert(list.begin(), std::move(take));
+    if (list.size() > kTakeLimit) list.resize(kTakeLimit);
+    return takesToJson(list);
+  });
+  _takeHistory = std::move(list);
   notify("takeHistory");
-  saveTakes();
 }
 
 void AppState::loadTakes() {
@@ -426,9 +475,7 @@ void AppState::loadTakes() {
 }
 
 void AppState::saveTakes() {
-  Json list = Json::array();
-  for (const auto& t : _takeHistory) list.push(takeToJson(t));
-  preferences_.set(kTakeHistoryKey, std::move(list));
+  preferences_.set(kTakeHistoryKey, takesToJson(_takeHistory));
 }
 
 }  // namespace melvo

@@ -280,6 +280,9 @@ class AppState : public Observable {
   // The three-way question before a dirty song is replaced; true when the flow may go on.
   bool settleDirtySong(const char* text, const char* saveAndGo, const char* discardAndGo);
   bool writeTo(const std::filesystem::path& path);
+  // Changes the stored recent list under the preferences lock; `change` says whether it
+  // changed anything.
+  void changeRecents(const std::function<bool(std::vector<RecentFile>&)>& change);
   void alert(const std::string& text);
   // Rendering.
   std::optional<std::string> refuseSynthesis(std::string text, bool toLog);

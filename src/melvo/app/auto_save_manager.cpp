@@ -23,7 +23,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kSessionPrefix = "session-";
-constexpr const char* kSeenMarker = ".clean-end";  // names the newest copy a clean end saw
+// An empty file per settled session in a project's folder: ".settled-<session>".
+constexpr const char* kSettledPrefix = ".settled-";
 
 bool isSessionKey(const std::string& key) {
   return key.rfind(kSessionPrefix, 0) == 0;
@@ -67,14 +68,25 @@ bool newestFirst(const AutoSaveSnapshot& a, const AutoSaveSnapshot& b) {
   return a.url.filename() > b.url.filename();
 }
 
-std::string readMarker(const fs::path& folder) {
-  try {
-    std::string s = readFile(folder / kSeenMarker);
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
-    return s;
-  } catch (const FileError&) {
-    return {};
+fs::path settledMarker(const fs::path& folder, const std::string& session) {
+  return folder / (kSettledPrefix + (session.empty() ? std::string("unknown") : session));
+}
+
+bool isSettled(const fs::path& folder, const std::string& session) {
+  std::error_code ec;
+  return fs::exists(settledMarker(folder, session), ec);
+}
+
+// Every snapshot in one folder, newest first.
+std::vector<AutoSaveSnapshot> listFolderAt(const fs::path& folder) {
+  std::vector<AutoSaveSnapshot> out;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(folder, ec)) {
+    if (entry.path().extension() != ".nsproj") continue;
+    if (auto s = AutoSaveManager::readSnapshot(entry.path())) out.push_back(std::move(*s));
   }
+  std::sort(out.begin(), out.end(), newestFirst);
+  return out;
 }
 
 }  // namespace
@@ -133,12 +145,34 @@ fs::path AutoSaveSnapshot::sidecar() const {
 
 // ---- Manager ----
 
+struct AutoSaveManager::WriteJob {
+  fs::path folder;
+  MusicDocument document;
+  std::optional<std::string> label;
+  bool manual = false;
+  std::optional<std::string> projectPath;
+  std::string session;
+  int maxGenerations = 50;
+};
+
+struct AutoSaveManager::WriteOutcome {
+  std::optional<AutoSaveSnapshot> snapshot;
+  const char* reason = nullptr;  // set on failure
+  std::string error;
+};
+
 AutoSaveManager::AutoSaveManager(EventLoop& loop, fs::path root, fs::path settingsPath)
     : loop_(loop),
       root_(std::move(root)),
       settingsPath_(std::move(settingsPath)),
       _settings(AutoSaveSettings::load(settingsPath_)),
-      _currentKey(newSessionKey()) {}
+      _currentKey(newSessionKey()),
+      sessionId_(Uuid::random().toString()) {}
+
+AutoSaveManager::~AutoSaveManager() {
+  alive_.reset();
+  if (worker_.joinable()) worker_.join();
+}
 
 fs::path AutoSaveManager::defaultRoot() {
   return paths::autoSaveDir();
@@ -185,11 +219,60 @@ void AutoSaveManager::setProject(std::optional<std::string> path) {
   notify("currentKey");
 }
 
+AutoSaveManager::WriteJob AutoSaveManager::makeJob(MusicDocument document,
+                                                   std::optional<std::string> label, bool manual) {
+  keysWritten_.insert(_currentKey);
+  return WriteJob{root_ / _currentKey, std::move(document), std::move(label),        manual,
+                  _currentProjectPath, sessionId_,          _settings.maxGenerations};
+}
+
 void AutoSaveManager::autoSaveTick() {
-  if (!_documentProvider) return;
+  if (!_documentProvider || writing_) return;
   auto provided = _documentProvider();
   if (!provided || !provided->second) return;
-  writeSnapshot(provided->first, std::nullopt, false);
+  if (worker_.joinable()) worker_.join();  // finished: its result was delivered
+  writing_ = true;
+  worker_ = std::thread([this, job = makeJob(std::move(provided->first), std::nullopt, false),
+                         alive = std::weak_ptr<int>(alive_)]() mutable {
+    auto outcome = std::make_unique<WriteOutcome>(performWrite(job));
+    // The copy's notes go with the worker, not with the main thread's next edit.
+    job.document = MusicDocument();
+    {
+      std::lock_guard lock(pendingMutex_);
+      pending_ = std::move(outcome);
+    }
+    loop_.post([this, alive] {
+      if (alive.lock()) collect();
+    });
+  });
+}
+
+void AutoSaveManager::collect() {
+  std::unique_ptr<WriteOutcome> outcome;
+  {
+    std::lock_guard lock(pendingMutex_);
+    outcome = std::move(pending_);
+  }
+  if (outcome) deliver(std::move(*outcome));
+}
+
+void AutoSaveManager::flush() {
+  if (worker_.joinable()) worker_.join();
+  collect();
+}
+
+void AutoSaveManager::deliver(WriteOutcome outcome) {
+  writing_ = false;
+  if (outcome.reason) {
+    recordError(outcome.reason, outcome.error);
+    return;
+  }
+  if (_lastSaveError) {
+    _lastSaveError.reset();
+    notify("lastSaveError");
+  }
+  _lastSaveDate = referenceSecondsNow();
+  notify("lastSaveDate");
 }
 
 std::optional<AutoSaveSnapshot> AutoSaveManager::saveManualSnapshot(
@@ -210,75 +293,83 @@ void AutoSaveManager::recordError(const char* reason, const std::string& detail)
 std::optional<AutoSaveSnapshot> AutoSaveManager::writeSnapshot(const MusicDocument& document,
                                                                std::optional<std::string> label,
                                                                bool manual) {
-  const fs::path folder = root_ / _currentKey;
+  flush();
+  WriteOutcome outcome = performWrite(makeJob(document, std::move(label), manual));
+  std::optional<AutoSaveSnapshot> snap = outcome.snapshot;
+  deliver(std::move(outcome));
+  return snap;
+}
+
+// Runs on the worker for the timer's copies: touches nothing of the manager.
+AutoSaveManager::WriteOutcome AutoSaveManager::performWrite(const WriteJob& job) {
+  WriteOutcome out;
   std::error_code ec;
-  fs::create_directories(folder, ec);
+  fs::create_directories(job.folder, ec);
   if (ec) {
-    recordError(tr("書き込みに失敗"), folder.string() + ": " + ec.message());
-    return std::nullopt;
+    out.reason = tr("書き込みに失敗");
+    out.error = job.folder.string() + ": " + ec.message();
+    return out;
   }
   // Two copies in the same millisecond would overwrite each other: step past a taken name.
   auto when = std::chrono::system_clock::now();
   fs::path file;
   for (;;) {
-    file = folder / (fileStem(when) + ".nsproj");
+    file = job.folder / (fileStem(when) + ".nsproj");
     if (!fs::exists(file, ec)) break;
     when += std::chrono::milliseconds(1);
   }
   std::string bytes;
   try {
-    bytes = encodeProject(document);
+    bytes = encodeProject(job.document);
   } catch (const std::exception& e) {
-    recordError(tr("符号化に失敗"), e.what());
-    return std::nullopt;
+    out.reason = tr("符号化に失敗");
+    out.error = e.what();
+    return out;
   }
   try {
     writeFileAtomically(file, bytes);
   } catch (const std::exception& e) {
-    recordError(tr("書き込みに失敗"), e.what());
-    return std::nullopt;
+    out.reason = tr("書き込みに失敗");
+    out.error = e.what();
+    return out;
   }
-  if (_lastSaveError) {
-    _lastSaveError.reset();
-    notify("lastSaveError");
-  }
-  keysWritten_.insert(_currentKey);
+  bytes = std::string();
 
   AutoSaveSnapshot snap;
   snap.url = file;
   snap.date = referenceSeconds(when);
-  snap.label = std::move(label);
-  snap.manual = manual;
-  snap.noteCount = static_cast<std::int64_t>(document.totalNoteCount());
-  snap.title = document.title;
-  snap.projectPath = _currentProjectPath;
+  snap.label = job.label;
+  snap.manual = job.manual;
+  snap.noteCount = static_cast<std::int64_t>(job.document.totalNoteCount());
+  snap.title = job.document.title;
+  snap.projectPath = job.projectPath;
+  snap.session = job.session;
   Json meta = Json::object();
   meta["manual"] = snap.manual;
   meta["label"] = snap.label ? Json(*snap.label) : Json(nullptr);
   meta["noteCount"] = snap.noteCount;
   meta["title"] = snap.title;
   meta["projectPath"] = snap.projectPath ? Json(*snap.projectPath) : Json(nullptr);
+  // The date in UTC (seconds since 2001): a name in local time reads differently elsewhere.
+  meta["date"] = snap.date;
+  meta["session"] = snap.session;
   try {
     writeFileAtomically(snap.sidecar(), meta.dump(JsonStyle::Pretty) + "\n");
   } catch (const std::exception& e) {
     // The copy itself is safe; the list falls back to what the file says.
     log::write("AutoSaveManager", std::string("sidecar not written: ") + e.what());
   }
-  _lastSaveDate = referenceSecondsNow();
-  notify("lastSaveDate");
-  if (!manual) prune(_currentKey);
-  return readSnapshot(file);
-}
-
-void AutoSaveManager::prune(const std::string& key) {
-  int kept = 0;
-  for (const auto& s : listFolder(key)) {
-    if (s.manual) continue;  // named copies are never counted nor deleted
-    if (++kept <= _settings.maxGenerations) continue;
-    std::error_code ec;
-    fs::remove(s.url, ec);
-    fs::remove(s.sidecar(), ec);
+  if (!job.manual) {
+    int kept = 0;
+    for (const auto& s : listFolderAt(job.folder)) {
+      if (s.manual) continue;  // named copies are never counted nor deleted
+      if (++kept <= job.maxGenerations) continue;
+      fs::remove(s.url, ec);
+      fs::remove(s.sidecar(), ec);
+    }
   }
+  out.snapshot = readSnapshot(file);
+  return out;
 }
 
 std::optional<AutoSaveSnapshot> AutoSaveManager::readSnapshot(const fs::path& file) {
@@ -286,10 +377,11 @@ std::optional<AutoSaveSnapshot> AutoSaveManager::readSnapshot(const fs::path& fi
   if (!fs::is_regular_file(file, ec)) return std::nullopt;
   AutoSaveSnapshot s;
   s.url = file;
-  if (auto d = dateFromStem(file.stem().string())) {
-    s.date = *d;
-  } else if (auto m = modificationDate(file)) {
+  // File attributes are in UTC; the local-time name is the last resort.
+  if (auto m = modificationDate(file)) {
     s.date = *m;
+  } else if (auto d = dateFromStem(file.stem().string())) {
+    s.date = *d;
   }
   bool haveMeta = false;
   try {
@@ -299,6 +391,8 @@ std::optional<AutoSaveSnapshot> AutoSaveManager::readSnapshot(const fs::path& fi
     if (const Json* n = meta.find("noteCount"); n) s.noteCount = n->asInt();
     if (const Json* t = meta.find("title"); t && t->isString()) s.title = t->asString();
     if (const Json* p = meta.find("projectPath"); p && p->isString()) s.projectPath = p->asString();
+    if (const Json* d = meta.find("date"); d && d->isNumber()) s.date = d->asDouble();
+    if (const Json* r = meta.find("session"); r && r->isString()) s.session = r->asString();
     haveMeta = true;
   } catch (const std::exception&) {
     AutoSaveSnapshot bare;
@@ -320,14 +414,7 @@ std::optional<AutoSaveSnapshot> AutoSaveManager::readSnapshot(const fs::path& fi
 }
 
 std::vector<AutoSaveSnapshot> AutoSaveManager::listFolder(const std::string& key) const {
-  std::vector<AutoSaveSnapshot> out;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(root_ / key, ec)) {
-    if (entry.path().extension() != ".nsproj") continue;
-    if (auto s = readSnapshot(entry.path())) out.push_back(std::move(*s));
-  }
-  std::sort(out.begin(), out.end(), newestFirst);
-  return out;
+  return listFolderAt(root_ / key);
 }
 
 std::vector<AutoSaveSnapshot> AutoSaveManager::listSnapshots() const {
@@ -369,21 +456,31 @@ bool AutoSaveManager::moveToTrash(const AutoSaveSnapshot& snapshot) {
   return true;
 }
 
+std::optional<AutoSaveSnapshot> AutoSaveManager::snapshotAt(const fs::path& file) const {
+  std::error_code ec;
+  // The name itself must be a plain file: a link could lead anywhere.
+  if (!fs::is_regular_file(fs::symlink_status(file, ec))) return std::nullopt;
+  if (file.extension() != ".nsproj") return std::nullopt;
+  const fs::path folder = fs::canonical(fs::absolute(file, ec).parent_path(), ec);
+  if (ec) return std::nullopt;
+  const fs::path root = fs::canonical(root_, ec);
+  if (ec || folder.parent_path() != root) return std::nullopt;
+  return readSnapshot(folder / file.filename());
+}
+
 std::vector<AutoSaveSnapshot> AutoSaveManager::findRecoverable() const {
   std::vector<AutoSaveSnapshot> out;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(root_, ec)) {
     if (!entry.is_directory()) continue;
-    const std::string key = entry.path().filename().string();
     std::optional<AutoSaveSnapshot> newest;
-    for (auto& s : listFolder(key)) {
-      if (!s.manual) {
-        newest = std::move(s);
-        break;
-      }
+    for (auto& s : listFolderAt(entry.path())) {
+      // This run's own copies are not leftovers of a crash.
+      if (s.manual || s.session == sessionId_ || isSettled(entry.path(), s.session)) continue;
+      newest = std::move(s);
+      break;
     }
     if (!newest) continue;
-    if (readMarker(entry.path()) == newest->url.stem().string()) continue;  // ended cleanly
     if (newest->projectPath) {
       auto projectDate = modificationDate(*newest->projectPath);
       if (projectDate && *projectDate >= newest->date) continue;  // saved after the copy
@@ -394,45 +491,89 @@ std::vector<AutoSaveSnapshot> AutoSaveManager::findRecoverable() const {
   return out;
 }
 
-void AutoSaveManager::markSeen(const std::string& key, const std::string& newestName) {
-  try {
-    writeFileAtomically(root_ / key / kSeenMarker, newestName + "\n");
-  } catch (const std::exception& e) {
-    log::write("AutoSaveManager", std::string("cannot mark a clean end: ") + e.what());
+void AutoSaveManager::settleSession(const std::string& key, const std::string& session) {
+  const fs::path folder = root_ / key;
+  std::error_code ec;
+  if (isSessionKey(key)) {
+    // An unsaved song has no history worth keeping: its automatic copies go.
+    for (const auto& s : listFolderAt(folder)) {
+      if (s.manual || s.session != session) continue;
+      fs::remove(s.url, ec);
+      fs::remove(s.sidecar(), ec);
+    }
+    if (fs::is_empty(folder, ec)) fs::remove(folder, ec);
+    return;
   }
+  try {
+    writeFileAtomically(settledMarker(folder, session), "");
+  } catch (const std::exception& e) {
+    log::write("AutoSaveManager", std::string("cannot settle a session: ") + e.what());
+  }
+}
+
+void AutoSaveManager::settle(const AutoSaveSnapshot& snapshot) {
+  if (snapshot.manual || snapshot.session == sessionId_) return;
+  // The copy itself may be in the trash by now; its folder must be one of ours.
+  std::error_code ec;
+  const fs::path folder = fs::canonical(fs::absolute(snapshot.url, ec).parent_path(), ec);
+  if (ec || folder.parent_path() != fs::canonical(root_, ec) || ec) return;
+  settleSession(folder.filename().string(), snapshot.session);
 }
 
 void AutoSaveManager::discardRecoverable(const std::vector<AutoSaveSnapshot>& snapshots) {
-  std::set<std::string> keys;
-  for (const auto& s : snapshots) keys.insert(s.key());
-  for (const auto& key : keys) {
-    auto all = listFolder(key);
-    if (isSessionKey(key)) {
-      std::error_code ec;
-      for (const auto& s : all) {
-        if (s.manual) continue;
-        fs::remove(s.url, ec);
-        fs::remove(s.sidecar(), ec);
-      }
-      if (fs::is_empty(root_ / key, ec)) fs::remove(root_ / key, ec);
-    } else {
-      auto newest = std::find_if(all.begin(), all.end(), [](const auto& s) { return !s.manual; });
-      if (newest != all.end()) markSeen(key, newest->url.stem().string());
-    }
+  std::set<std::pair<std::string, std::string>> settled;
+  for (const auto& s : snapshots) {
+    if (s.manual) continue;
+    if (settled.insert({s.key(), s.session}).second) settleSession(s.key(), s.session);
   }
 }
 
-void AutoSaveManager::endCleanly() {
-  _timer.cancel();
-  std::vector<AutoSaveSnapshot> mine;
-  std::set<std::string> keys = keysWritten_;
-  keys.insert(_currentKey);
-  for (const auto& key : keys) {
-    auto all = listFolder(key);
-    auto newest = std::find_if(all.begin(), all.end(), [](const auto& s) { return !s.manual; });
-    if (newest != all.end()) mine.push_back(*newest);
+int AutoSaveManager::discardSession(const std::string& session) {
+  int folders = 0;
+  std::error_code ec;
+  std::vector<std::string> keys;
+  for (const auto& entry : fs::directory_iterator(root_, ec)) {
+    if (!entry.is_directory()) continue;
+    const std::string key = entry.path().filename().string();
+    // A session is named by its run, or by the folder of the unsaved song it wrote.
+    const bool wholeFolder = key == session && isSessionKey(key);
+    if (!wholeFolder && !isSessionKey(key) && isSettled(entry.path(), session)) continue;
+    for (const auto& s : listFolderAt(entry.path())) {
+      if (s.manual) continue;
+      if (wholeFolder || s.session == session) {
+        keys.push_back(key);
+        break;
+      }
+    }
   }
-  discardRecoverable(mine);
+  for (const auto& key : keys) {
+    if (key == session) {
+      for (const auto& s : listFolder(key))
+        if (!s.manual) settleSession(key, s.session);
+    } else {
+      settleSession(key, session);
+    }
+    ++folders;
+  }
+  return folders;
+}
+
+void AutoSaveManager::endCleanly() {
+  flush();
+  _timer.cancel();
+  bool dirty = false;
+  if (_documentProvider) {
+    if (auto provided = _documentProvider(); provided && provided->second) {
+      dirty = true;
+      // The edits since the last tick would be lost with this run: one last copy holds them.
+      if (_settings.interval != AutoSaveSettings::Interval::off)
+        writeSnapshot(provided->first, std::nullopt, false);
+    }
+  }
+  for (const auto& key : keysWritten_) {
+    if (dirty && key == _currentKey) continue;  // still the only place of unsaved work
+    settleSession(key, sessionId_);
+  }
 }
 
 }  // namespace melvo

@@ -1,5 +1,7 @@
 #include "melvo/app/preferences.h"
 
+#include <memory>
+
 #include "melvo/platform/atomic_file.h"
 #include "melvo/platform/log.h"
 #include "melvo/platform/paths.h"
@@ -12,6 +14,12 @@ Preferences::Preferences(std::filesystem::path path) : path_(std::move(path)) {
 
 std::filesystem::path Preferences::defaultPath() {
   return paths::configDir() / "preferences.json";
+}
+
+std::filesystem::path Preferences::lockPath() const {
+  std::filesystem::path p = path_;
+  p += ".lock";
+  return p;
 }
 
 void Preferences::reload() {
@@ -35,13 +43,34 @@ bool Preferences::boolValue(std::string_view key, bool fallback) const {
   return v && v->isBool() ? v->asBool() : fallback;
 }
 
-void Preferences::set(std::string_view key, Json value) {
-  values_[key] = std::move(value);
+Json Preferences::update(std::string_view key,
+                         const std::function<Json(const Json& stored)>& change) {
+  std::unique_ptr<FileLock> lock;
+  try {
+    std::filesystem::create_directories(path_.parent_path());
+    lock = std::make_unique<FileLock>(lockPath());
+  } catch (const std::exception& e) {
+    // Without the lock the change is still worth making; only a race could lose it.
+    log::write("Preferences", std::string("cannot lock preferences.json: ") + e.what());
+  }
+  reload();
+  const Json* stored = values_.find(key);
+  Json next = change(stored ? *stored : Json(nullptr));
+  if (next.isNull()) {
+    values_.asObject().erase(std::string(key));
+  } else {
+    values_[key] = next;
+  }
   write();
+  return next;
+}
+
+void Preferences::set(std::string_view key, Json value) {
+  update(key, [&](const Json&) { return value; });
 }
 
 void Preferences::remove(std::string_view key) {
-  if (values_.asObject().erase(std::string(key))) write();
+  update(key, [](const Json&) { return Json(nullptr); });
 }
 
 void Preferences::write() {

@@ -1,9 +1,12 @@
 // The preferences store: one JSON object in preferences.json in the configuration folder.
 // Keys of lists that Melvo keeps begin "melvo." ("melvo.recentFiles", "melvo.takeHistory").
-// Each change is written at once; the file is small.
+// Each change is written at once; the file is small. Several processes may share it (a serve
+// and a render, say): every change re-reads the file under a lock and writes it back with only
+// its own key changed, so no process erases what another one stored meanwhile.
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -22,12 +25,16 @@ class Preferences {
   // Both write the file; a failed write is logged and the value stays in memory.
   void set(std::string_view key, Json value);
   void remove(std::string_view key);
+  // Read-modify-write of one key, with the file locked from the read to the write: `change`
+  // gets the stored value (null when absent) and returns the new one. Returns what was stored.
+  Json update(std::string_view key, const std::function<Json(const Json& stored)>& change);
   void reload();
 
   const std::filesystem::path& path() const { return path_; }
 
  private:
   void write();
+  std::filesystem::path lockPath() const;
   std::filesystem::path path_;
   Json values_ = Json::object();
 };

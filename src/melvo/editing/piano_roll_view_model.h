@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -20,7 +21,9 @@
 #include <vector>
 
 #include "melvo/editing/observable.h"
+#include "melvo/editing/piano_roll_tool.h"
 #include "melvo/editing/rendered_data.h"
+#include "melvo/editing/scale_assist.h"
 #include "melvo/model/music_document.h"
 #include "melvo/model/validation_issue.h"
 #include "melvo/platform/uuid.h"
@@ -40,16 +43,6 @@
   Type _##name{__VA_ARGS__};
 
 namespace melvo {
-
-// Stand-ins for the tool palette's types until the note-editing work brings the real ones.
-enum class PianoRollTool { select, draw, erase, split };
-enum class QuantizeValue { whole, half, quarter, eighth, sixteenth, thirtySecond, off };
-struct ScaleAssist {
-  int root = 0;
-  std::string scale = "major";
-  bool lock = false;
-  bool operator==(const ScaleAssist&) const = default;
-};
 
 class PianoRollViewModel : public Observable {
  public:
@@ -141,6 +134,63 @@ class PianoRollViewModel : public Observable {
   std::unordered_set<Uuid> changedNoteIDs() const;
   std::vector<NoteFingerprint> removedFingerprints() const;
 
+  // ---- Note editing (note_operations.cpp) ----
+  // Each operation is one commit (one undo step) on the current track and the selection, and
+  // returns whether it committed: an operation that would change nothing pushes no step.
+  // Ticks stay in 0..maxTick, durations in 1..maxTick, pitches in 0..127.
+
+  // A note at the grid cell of `tick`, `_defaultNoteLength` long, velocity 100, no lyric,
+  // its pitch snapped by the scale assist; selects it alone. The id of the new note.
+  std::optional<Uuid> addNote(std::int64_t tick, int pitch);
+  // The selection as one group: the deltas are held so that every note stays in range. A
+  // change of pitch snaps each note under the scale lock.
+  bool moveNotes(std::int64_t deltaTick, int deltaPitch);
+  bool resizeNotes(std::int64_t deltaTick);
+  bool setLengthFromMenu(QuantizeValue value);
+  // Cuts the note at the grid line nearest `tick`, which must lie strictly inside it. Both
+  // halves keep pitch, velocity and the rest; the lyric is shared out by syllable (a lone
+  // syllable keeps the first half and the second holds it with "ー"); slur and breath go
+  // to the second half. The new half's id, or nothing.
+  std::optional<Uuid> splitNote(const Uuid& id, std::int64_t tick);
+  // Selected neighbours: one of the same pitch become one note, one of another pitch is
+  // slurred to the next.
+  bool mergeNotes();
+  static const char* mergeMenuLabel();  // "合成 / スラー化  ⌘M"
+  bool deleteNotes();
+  // Copies the selection, sorted by tick, into `_clipboard`; the number copied. Not a commit.
+  std::size_t copySelected();
+  bool cutSelected();
+  // New ids, shifted so that the first lands on `tick`, appended to the current track and
+  // selected.
+  bool pasteNotes(std::int64_t tick);
+  // Text from the system clipboard: notes of our own format are pasted at `tick`; any other
+  // text is taken as lyrics and flows onto the selection.
+  bool pasteText(std::string_view text, std::int64_t tick);
+  // What a copy puts on the system clipboard: our format, and the lyrics as plain text.
+  std::string clipboardText() const;
+  std::string clipboardLyricsText() const;
+  bool transpose(int semitones);
+  bool setVelocity(int value);  // 1..127
+  bool setLyric(const Uuid& id, std::string text);
+  struct BulkLyricsResult {
+    bool committed = false;
+    std::size_t assigned = 0;
+    std::size_t leftover = 0;  // syllables beyond the last selected note, dropped
+  };
+  BulkLyricsResult applyBulkLyrics(std::string_view text);
+  // Every selected note breathes after it, or, when all already do, none does.
+  bool toggleBreath();
+  const char* breathMenuLabel() const;  // "ブレスを挿入 (♪)" or "ブレスを削除 (♪)"
+  bool insertTime(std::int64_t atTick, std::int64_t ticks);
+  bool deleteTime(std::int64_t atTick, std::int64_t ticks);
+
+  // Grid helpers at the document's ppq.
+  std::int64_t gridTicks() const;
+  std::int64_t snapDown(std::int64_t tick) const;
+  std::int64_t snapNearest(std::int64_t tick) const;
+  // The selected notes of the current track, sorted by tick.
+  std::vector<NoteEvent> selectedNotes() const;
+
   // Text that changes whenever volume, pan, mute or solo of any track changes.
   static std::string mixSignature(const MusicDocument& document);
 
@@ -163,7 +213,7 @@ class PianoRollViewModel : public Observable {
   MELVO_OBSERVED(double, arrangeScrollX, setArrangeScrollX, 0.0)
   MELVO_OBSERVED(double, velocityLaneHeight, setVelocityLaneHeight, 80.0)
   // Tools.
-  MELVO_OBSERVED(PianoRollTool, currentTool, setCurrentTool, PianoRollTool::select)
+  MELVO_OBSERVED(PianoRollTool, currentTool, setCurrentTool, PianoRollTool::arrow)
   MELVO_OBSERVED(QuantizeValue, quantizeValue, setQuantizeValue, QuantizeValue::sixteenth)
   MELVO_OBSERVED(QuantizeValue, defaultNoteLength, setDefaultNoteLength, QuantizeValue::quarter)
   MELVO_OBSERVED(ScaleAssist, scaleAssist, setScaleAssist)
@@ -216,6 +266,16 @@ class PianoRollViewModel : public Observable {
 
  private:
   void runDocumentChangeHook(const std::vector<Uuid>& oldTrackIDs);
+  MusicTrack* currentTrack();
+  const MusicTrack* currentTrack() const;
+  // Positions of the selected notes in the current track, in list order.
+  std::vector<std::size_t> selectedPositions() const;
+  // Runs `edit` on a copy of the notes at `positions` of the current track and commits the
+  // notes it changed.
+  bool editSelected(const std::string& label, const std::vector<std::size_t>& positions,
+                    const std::function<void(NoteEvent&)>& edit);
+  // Applies `change` to a copy and commits it only when the song differs.
+  bool commitIfChanged(const std::string& label, const std::function<void(MusicDocument&)>& change);
   void performHistory(std::deque<UndoEntry>& from, std::deque<UndoEntry>& to);
   void pushEntry(UndoEntry entry);
   void trimHistory();

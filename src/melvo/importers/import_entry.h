@@ -3,22 +3,22 @@
 #pragma once
 
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "melvo/importers/open_error.h"
 #include "melvo/model/music_document.h"
 
 namespace melvo {
 
-// Nothing could be opened. what() is in the user's language and names the file.
-class OpenError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
+// Any file: a project goes to the project reader, everything else through importDocument,
+// and then the passes every opened song gets. Throws OpenError (an ImportError when a reader
+// refused the file); the caller's song is never touched.
 MusicDocument openDocument(const std::filesystem::path& path);
-// Extensions (lower case, without the dot) that openDocument reads today.
+// A foreign file by its extension (a .zip by the one score inside it), without the finishing
+// passes. Throws the reader's ImportError, FileError or ProjectDecodeError.
+MusicDocument importDocument(const std::filesystem::path& path);
+// Extensions (lower case, without the dot) that openDocument accepts.
 const std::vector<std::string>& openableExtensions();
 
 }  // namespace melvo

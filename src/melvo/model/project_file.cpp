@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 
@@ -121,6 +122,32 @@ int readSmallInt(Value& v, std::string_view key) {
   return static_cast<int>(std::clamp<std::int64_t>(i, INT32_MIN, INT32_MAX));
 }
 
+[[noreturn]] void outOfRange(std::string_view key, std::int64_t value, std::int64_t low,
+                             std::int64_t high) {
+  bad(trf("「%@」は %@ から %@ まででなければなりません（%@ とあります）",
+          {key, std::to_string(low), std::to_string(high), std::to_string(value)}));
+}
+
+// A value the model keeps as it is, so one it cannot hold is refused rather than changed.
+std::int64_t readBounded(Value& v, std::string_view key, std::int64_t low, std::int64_t high) {
+  const std::int64_t i = readInt(v, key);
+  if (i < low || i > high) outOfRange(key, i, low, high);
+  return i;
+}
+
+// A line break or another control character in a lyric would end up raw in the engine's
+// score and label files; the model's lyric is one line of text.
+std::string cleanLyric(std::string_view raw) {
+  std::string out;
+  out.reserve(raw.size());
+  for (char c : raw) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7F) continue;
+    out += c;
+  }
+  return out;
+}
+
 double readDouble(Value& v, std::string_view key) {
   double d;
   if (!v.get_double().get(d)) return d;
@@ -179,9 +206,15 @@ NoteEvent readNote(Value& value) {
     } else if (key == "id") {
       n.id = readUuid(v, key), hasId = true;
     } else if (key == "lyric") {
-      n.lyric = readString(v, key);
+      std::string_view raw = readString(v, key);
+      if (std::any_of(raw.begin(), raw.end(),
+                      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; })) {
+        n.lyric = cleanLyric(raw);
+      } else {
+        n.lyric = raw;
+      }
     } else if (key == "velocity") {
-      n.velocity = readSmallInt(v, key);
+      n.velocity = static_cast<int>(readBounded(v, key, INT32_MIN, INT32_MAX));
     } else if (key == "slurToNext") {
       n.slurToNext = readBool(v, key);
     } else if (key == "hasBreathAfter") {
@@ -247,13 +280,59 @@ std::vector<Event> readEvents(Value& value, std::string_view listKey, Read read)
   return out;
 }
 
+bool isJsonSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+// Where the top-level value ends: the offset past its closing bracket, or nothing when the
+// bytes end first. Only run once simdjson has refused the bytes, to name the fault.
+std::optional<std::size_t> endOfTopValue(std::string_view bytes, std::size_t first) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t i = first; i < bytes.size(); ++i) {
+    const char c = bytes[i];
+    if (inString) {
+      if (c == '\\')
+        ++i;
+      else if (c == '"')
+        inString = false;
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '{' || c == '[') {
+      ++depth;
+    } else if ((c == '}' || c == ']') && --depth == 0) {
+      return i + 1;
+    }
+  }
+  return std::nullopt;
+}
+
+// What went wrong with bytes that simdjson refused, in words that name it.
+[[noreturn]] void unreadable(simdjson::error_code code, std::string_view bytes) {
+  std::size_t first = 0;
+  while (first < bytes.size() && isJsonSpace(bytes[first])) ++first;
+  if (first == bytes.size()) bad(tr("ファイルが空です"));
+  if (bytes[first] != '{') bad(tr("最上位がオブジェクトではありません"));
+  const auto end = endOfTopValue(bytes, first);
+  if (!end) bad(tr("ファイルが途中で切れています"));
+  std::size_t rest = *end;
+  while (rest < bytes.size() && isJsonSpace(bytes[rest])) ++rest;
+  if (rest < bytes.size()) bad(tr("JSON の後ろに余計なデータがあります"));
+  throw ProjectDecodeError(trf("JSON として読めません: %@", {simdjson::error_message(code)}));
+}
+
 MusicDocument decodePadded(simdjson::padded_string_view json) {
+  // A byte order mark is no part of the JSON, but editors on other systems write one.
+  if (json.size() >= 3 && std::string_view(json.data(), 3) == "\xEF\xBB\xBF")
+    json = simdjson::padded_string_view(json.data() + 3, json.size() - 3, json.capacity() - 3);
+  const std::string_view bytes(json.data(), json.size());
   thread_local simdjson::ondemand::parser parser;
   MusicDocument d;
   try {
-    simdjson::ondemand::document doc = parser.iterate(json);
+    simdjson::ondemand::document doc;
+    if (auto err = parser.iterate(json).get(doc)) unreadable(err, bytes);
     simdjson::ondemand::object root;
-    if (doc.get_object().get(root)) bad(tr("最上位がオブジェクトではありません"));
+    if (auto err = doc.get_object().get(root)) unreadable(err, bytes);
     for (auto field : root) {
       std::string_view key = field.unescaped_key().value();
       Value v = field.value().value();
@@ -263,7 +342,7 @@ MusicDocument decodePadded(simdjson::padded_string_view json) {
       } else if (key == "title") {
         d.title = readString(v, key);
       } else if (key == "ppq") {
-        d.ppq = readInt(v, key);
+        d.ppq = readBounded(v, key, 1, kMaxPPQ);
       } else if (key == "tracks") {
         d.tracks.clear();
         for (auto element : readArray(v, key)) {
@@ -278,7 +357,7 @@ MusicDocument decodePadded(simdjson::padded_string_view json) {
             std::string_view k = f.unescaped_key().value();
             Value fv = f.value().value();
             if (k == "tick")
-              e.tick = readInt(fv, k), tick = true;
+              e.tick = readBounded(fv, "tempoMap.tick", 0, maxTick), tick = true;
             else if (k == "bpm")
               e.bpm = readDouble(fv, k), bpm = true;
           }
@@ -294,7 +373,7 @@ MusicDocument decodePadded(simdjson::padded_string_view json) {
             std::string_view k = f.unescaped_key().value();
             Value fv = f.value().value();
             if (k == "tick")
-              e.tick = readInt(fv, k), tick = true;
+              e.tick = readBounded(fv, "timeSignatures.tick", 0, maxTick), tick = true;
             else if (k == "numerator")
               e.numerator = readSmallInt(fv, k), num = true;
             else if (k == "denominator")
@@ -313,7 +392,7 @@ MusicDocument decodePadded(simdjson::padded_string_view json) {
             std::string_view k = f.unescaped_key().value();
             Value fv = f.value().value();
             if (k == "tick")
-              e.tick = readInt(fv, k), tick = true;
+              e.tick = readBounded(fv, "keySignatures.tick", 0, maxTick), tick = true;
             else if (k == "fifths")
               e.fifths = readSmallInt(fv, k), fifths = true;
           }
@@ -323,8 +402,11 @@ MusicDocument decodePadded(simdjson::padded_string_view json) {
         });
       }
     }
+    // Past the root object only the end may follow.
+    const char* rest = nullptr;
+    if (!doc.current_location().get(rest)) unreadable(simdjson::TRAILING_CONTENT, bytes);
   } catch (const simdjson::simdjson_error& e) {
-    throw ProjectDecodeError(trf("JSON として読めません: %@", {e.what()}));
+    unreadable(e.error(), bytes);
   }
   d.repairMaps();
   return d;
@@ -374,8 +456,11 @@ RecentProjectSummary readRecentSummary(const std::filesystem::path& path) {
   std::optional<std::vector<Head>> tracks;
   try {
     simdjson::padded_string json = simdjson::padded_string::load(path.string());
+    simdjson::padded_string_view view(json);
+    if (view.size() >= 3 && std::string_view(view.data(), 3) == "\xEF\xBB\xBF")
+      view = simdjson::padded_string_view(view.data() + 3, view.size() - 3, view.capacity() - 3);
     simdjson::ondemand::parser parser;
-    simdjson::ondemand::document doc = parser.iterate(json);
+    simdjson::ondemand::document doc = parser.iterate(view);
     for (auto field : doc.get_object()) {
       std::string_view key = field.unescaped_key().value();
       if (key != "tracks") continue;

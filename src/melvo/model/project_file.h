@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
@@ -18,6 +19,10 @@ class ProjectDecodeError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// The largest ticks per quarter a project may declare: far beyond any score's need, and small
+// enough that bar and time arithmetic over ticks up to maxTick cannot overflow.
+inline constexpr std::int64_t kMaxPPQ = 1000000;
 
 // Sorted keys, the pretty layout, `sourcePhonemes` only when present. Notices and the
 // new-project mark are never written.
