@@ -2,9 +2,12 @@
 // and pointing Melvo at it.
 #include <CLI/CLI.hpp>
 
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 #include "cli/command.h"
 #include "melvo/platform/i18n.h"
@@ -33,12 +36,48 @@ NEUTRINOConfig loadConfig() {
 std::string folderOrConfigured(const std::string& given) {
   if (!given.empty()) return fs::absolute(given).lexically_normal().string();
   std::string configured = loadConfig().neutrinoDirectory;
+  // The window's words point at a gear and a menu; here the command that sets it is named.
   if (configured.empty())
     printError(
-        tr("NEUTRINOフォルダが設定されていません。上帯の歯車（設定）か、メニュー「Melvo」→「"
-           "設定…」（⌘,）から指定してください。"));
+        tr("NEUTRINOフォルダが設定されていません。melvo engine use DIR で指定してください"
+           "（探すには melvo engine discover）。"));
   return configured;
 }
+
+// The checks start the engine and wait for it for up to 8 s each. Ctrl-C, SIGTERM or a closed
+// terminal during that time must end the check's processes too, not only this one: the
+// handler only raises a flag that the check looks at while it waits.
+std::atomic<bool> stopRequested{false};
+std::atomic<int> stopSignal{0};
+
+extern "C" void requestStop(int signal) {
+  stopSignal = signal;
+  stopRequested = true;
+}
+
+class StopOnSignals {
+ public:
+  StopOnSignals() {
+    struct sigaction action {};
+    action.sa_handler = requestStop;
+    sigemptyset(&action.sa_mask);
+    for (std::size_t i = 0; i < 3; ++i) ::sigaction(kSignals[i], &action, &previous_[i]);
+  }
+  ~StopOnSignals() {
+    for (std::size_t i = 0; i < 3; ++i) ::sigaction(kSignals[i], &previous_[i], nullptr);
+  }
+  StopOnSignals(const StopOnSignals&) = delete;
+  StopOnSignals& operator=(const StopOnSignals&) = delete;
+  // 128 + the signal once one came, as a shell reports a process that the signal killed.
+  static std::optional<int> exitStatus() {
+    if (!stopRequested) return std::nullopt;
+    return 128 + stopSignal.load();
+  }
+
+ private:
+  static constexpr int kSignals[3] = {SIGINT, SIGTERM, SIGHUP};
+  struct sigaction previous_[3]{};
+};
 
 const char* mark(bool ok) {
   return ok ? "✓" : "✗";
@@ -51,7 +90,9 @@ int runStatus(const Options& o) {
   std::error_code ec;
   const bool hasBin = fs::is_directory(fs::path(dir) / "bin", ec);
   const bool hasModel = fs::is_directory(fs::path(dir) / "model", ec);
-  const auto check = finder::checkExecutable(dir);
+  StopOnSignals stopper;
+  const auto check = finder::checkExecutable(dir, finder::defaultCheckTimeout, &stopRequested);
+  if (auto status = StopOnSignals::exitStatus()) return *status;
   const bool runs = std::holds_alternative<finder::Ok>(check);
   std::string checkName = runs ? "ok" : "missing";
   std::string detail;
@@ -99,11 +140,15 @@ int runStatus(const Options& o) {
 int runDiscover(const Options& o) {
   const auto found = finder::discover();
   std::optional<std::string> best;
-  for (const auto& p : found)
-    if (std::holds_alternative<finder::Ok>(finder::checkExecutable(p))) {
+  StopOnSignals stopper;
+  for (const auto& p : found) {
+    const auto check = finder::checkExecutable(p, finder::defaultCheckTimeout, &stopRequested);
+    if (auto status = StopOnSignals::exitStatus()) return *status;
+    if (std::holds_alternative<finder::Ok>(check)) {
       best = p;
       break;
     }
+  }
   if (!best && !found.empty()) best = found.front();
   if (o.json) {
     Json list = Json::array();

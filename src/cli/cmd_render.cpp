@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <memory>
 
 #include "cli/command.h"
@@ -49,8 +50,13 @@ NEUTRINOConfig runConfig(NEUTRINOConfig config, const std::string& engine,
 
 void printDiagnosis(const Diagnosis& d) {
   std::fprintf(stderr, "\n%s\n%s\n", d.title.c_str(), d.detail.c_str());
-  for (std::size_t i = 0; i < d.fixes.size(); ++i)
-    std::fprintf(stderr, "  %zu. %s\n", i + 1, d.fixes[i].c_str());
+  for (std::size_t i = 0; i < d.fixes.size(); ++i) {
+    // A fix may be a sentence and a command on the next line: both stand under the number.
+    std::string fix = d.fixes[i];
+    for (auto at = fix.find('\n'); at != std::string::npos; at = fix.find('\n', at + 1))
+      fix.insert(at + 1, "     ");
+    std::fprintf(stderr, "  %zu. %s\n", i + 1, fix.c_str());
+  }
 }
 
 Json diagnosisJson(const std::optional<Diagnosis>& d) {
@@ -60,46 +66,141 @@ Json diagnosisJson(const std::optional<Diagnosis>& d) {
   return Json::Object{{"title", d->title}, {"detail", d->detail}, {"fixes", std::move(fixes)}};
 }
 
-// Runs the loop until the started render or re-render has ended, showing its progress and
-// log, with Ctrl-C stopping the engine's whole process group instead of orphaning it.
-AppState::SynthesisOutcome follow(EventLoop& loop, AppState& app) {
+const char* endingName(AppState::SynthesisOutcome::Ending e) {
+  switch (e) {
+    case AppState::SynthesisOutcome::Ending::succeeded:
+      return "succeeded";
+    case AppState::SynthesisOutcome::Ending::refused:
+      return "refused";
+    case AppState::SynthesisOutcome::Ending::failed:
+      return "failed";
+    case AppState::SynthesisOutcome::Ending::cancelled:
+      return "cancelled";
+  }
+  return "failed";
+}
+
+// The exit statuses of render and rerender, one per way a run can end.
+constexpr int kExitFailed = 1;
+constexpr int kExitRefused = 2;
+// Ended by a signal: 128 + the signal, as a shell reports a process that the signal killed.
+int exitForSignal(int signal) {
+  return 128 + signal;
+}
+
+struct Followed {
+  std::optional<AppState::SynthesisOutcome> outcome;  // nothing: refused before it started
+  int signal = 0;                                     // the first of SIGINT, SIGTERM, SIGHUP
+};
+
+// Starts a render or re-render with `start` and runs the loop until it has ended, showing its
+// progress and log. SIGINT, SIGTERM and SIGHUP cancel it (a second one kills the engine at
+// once); the command then ends only after the engine's whole process group has, so nothing is
+// left running behind the prompt or a closed terminal.
+Followed follow(EventLoop& loop, AppState& app,
+                const std::function<std::optional<std::string>()>& start) {
+  Followed f;
   ProgressLine progress;
   std::size_t shownLines = 0;
-  std::optional<AppState::SynthesisOutcome> outcome;
+  bool stallShown = false;
+  // The core's words for a failure point at a window's menu; the command says its own.
+  const std::string failureWords[] = {
+      tr("合成が失敗しました。メニュー「ミックスダウン」→「合成の記録を表示…」でログを確認"
+         "してください。"),
+      tr("マルチトラック合成に失敗しました。メニュー「ミックスダウン」→「合成の記録を表示…」"
+         "でログを確認してください。"),
+      tr("ボコーダ再実行に失敗しました。ログを確認してください。")};
   auto showLog = [&] {
     const auto& log = app.synthesisLog();
-    for (; shownLines < log.size(); ++shownLines) progress.message(log[shownLines]);
+    for (; shownLines < log.size(); ++shownLines) {
+      const std::string& line = log[shownLines];
+      // Our script's own progress lines are on the bar already.
+      if (NEUTRINOEngine::isScriptProgressLine(line)) continue;
+      if (std::find(std::begin(failureWords), std::end(failureWords), line) !=
+          std::end(failureWords))
+        continue;
+      progress.message(line);
+    }
   };
-  showLog();  // what the start already wrote (the range, the rest bar)
   const auto token = app.subscribe([&](std::string_view property) {
     if (property == "synthesisLog") showLog();
     if (property == "synthesisProgress" && app.isSynthesizing())
-      progress.update(app.synthesisProgress(), app.synthesisStage(), app.synthesisETA());
-    if (property == "synthesisStalledMessage" && app.synthesisStalledMessage())
-      progress.message(*app.synthesisStalledMessage());
+      progress.update(app.synthesisProgress(), app.synthesisStage());
+    if (property == "synthesisStalledMessage") {
+      // Once per silence: the count of seconds in it changes every second.
+      if (app.synthesisStalledMessage() && !stallShown)
+        progress.message(*app.synthesisStalledMessage());
+      stallShown = app.synthesisStalledMessage().has_value();
+    }
   });
   app.synthesisEnded = [&](const AppState::SynthesisOutcome& o) {
-    outcome = o;
+    f.outcome = o;
     loop.stop();
   };
-  loop.onSignals({SIGINT, SIGTERM}, [&](int) { app.cancelSynthesis(); });
-  loop.run();
+  // Before the start: its engine check already runs processes.
+  loop.onSignals({SIGINT, SIGTERM, SIGHUP}, [&](int signal) {
+    if (!f.signal) f.signal = signal;
+    app.cancelSynthesis();
+  });
+  if (auto refusal = start()) {
+    // Alerts were printed as they came; the gate's list went to the run's log.
+    showLog();
+    if (!app.synthesisLog().empty() && app.synthesisLog().back() != *refusal) printError(*refusal);
+    app.unsubscribe(token);
+    app.synthesisEnded = nullptr;
+    return f;
+  }
+  while (!f.outcome) loop.run();
   showLog();
   progress.finish();
   app.unsubscribe(token);
   app.synthesisEnded = nullptr;
-  return *outcome;
+  return f;
+}
+
+// The exit status of a followed run, after its last words.
+int finishFollowed(const Followed& f) {
+  if (!f.outcome) return kExitRefused;
+  const auto& o = *f.outcome;
+  using Ending = AppState::SynthesisOutcome::Ending;
+  switch (o.ending) {
+    case Ending::succeeded:
+      return 0;
+    case Ending::refused:
+      return kExitRefused;
+    case Ending::cancelled:
+      return f.signal ? exitForSignal(f.signal) : kExitFailed;
+    case Ending::failed:
+      break;
+  }
+  printError(o.revocode ? tr("ボコーダ再実行に失敗しました。上の記録を確かめてください。")
+                        : tr("合成に失敗しました。上の記録を確かめてください。"));
+  if (o.diagnosis) printDiagnosis(*o.diagnosis);
+  return kExitFailed;
+}
+
+// Whether the mixer lets track `i` be heard: a track asked for alone but muted (or left out by
+// another track's solo, or at volume 0) would give a silent mix.
+bool audible(const MusicDocument& d, int i) {
+  return MultiTrackSynthesizer::mixGain(d, i) > 0;
 }
 
 int render(const RenderOptions& o) {
   std::optional<MusicDocument> opened = openOrReport(o.file);
-  if (!opened) return 2;
+  if (!opened) return kExitRefused;
   MusicDocument& d = *opened;
   const int count = static_cast<int>(d.tracks.size());
   if (o.track >= count) {
     printError(trf("トラック %@ はありません（0〜%@）",
                    {std::to_string(o.track), std::to_string(count - 1)}));
-    return 2;
+    return kExitRefused;
+  }
+  if (o.track >= 0 && !audible(d, o.track)) {
+    printError(
+        trf("トラック %@ はミックスで聞こえません（消音・ほかのトラックのソロ・音量 0）。"
+            "聞こえるようにしてから合成してください",
+            {std::to_string(o.track)}));
+    return kExitRefused;
   }
   // --voice is a request to hear the song in that voice: every track sings with it.
   if (!o.voice.empty())
@@ -125,17 +226,13 @@ int render(const RenderOptions& o) {
     kind = o.track >= 0 ? MixdownKind::rangeSelectedTrack : MixdownKind::rangeAllTracks;
   }
 
-  if (auto refusal = app.startSynthesis(kind)) {
-    // Alerts were printed as they came; the gate's list went to the run's log.
-    if (!app.synthesisLog().empty()) printError(*refusal);
-    return 2;
-  }
-  const AppState::SynthesisOutcome outcome = follow(loop, app);
+  const Followed f = follow(loop, app, [&] { return app.startSynthesis(kind); });
   app.waitForRemix();
-
-  if (o.json) {
+  if (o.json && f.outcome) {
+    const auto& outcome = *f.outcome;
     Json r = Json::object();
     r["success"] = outcome.success;
+    r["ending"] = endingName(outcome.ending);
     r["mix"] = outcome.wavPath ? Json(*outcome.wavPath) : Json();
     r["scale"] = static_cast<double>(app.voiceRemixScale());
     Json tracks = Json::array();
@@ -153,12 +250,9 @@ int render(const RenderOptions& o) {
     r["diagnosis"] = diagnosisJson(outcome.diagnosis);
     std::printf("%s\n", r.dump(JsonStyle::Pretty).c_str());
   }
-  if (!outcome.success) {
-    if (outcome.diagnosis) printDiagnosis(*outcome.diagnosis);
-    return 1;
-  }
-  if (!o.json) std::printf("%s\n", outcome.wavPath->c_str());
-  return 0;
+  const int status = finishFollowed(f);
+  if (status == 0 && !o.json) std::printf("%s\n", f.outcome->wavPath->c_str());
+  return status;
 }
 
 // ---- melvo takes ----
@@ -204,114 +298,34 @@ struct RerenderOptions {
   bool all = false;
 };
 
-struct TrackDir {
-  fs::path dir;
-  std::string voice;
-};
-
-// A track's folder was edited when its timing or curve is newer than its voice.
-bool edited(const fs::path& dir) {
-  std::error_code ec;
-  const auto wav = fs::last_write_time(dir / "output.wav", ec);
-  if (ec) return true;
-  for (const char* name : {"timing.lab", "output.f0"}) {
-    const auto t = fs::last_write_time(dir / name, ec);
-    if (!ec && t > wav) return true;
-  }
-  return false;
-}
-
 int rerender(const RerenderOptions& o) {
-  const fs::path run = fs::absolute(o.runDir).lexically_normal();
-  NEUTRINOConfig config =
-      runConfig(NEUTRINOConfig::load().value_or(NEUTRINOConfig{}), o.engine, o.voice);
-  if (config.neutrinoDirectory.empty()) {
-    printError(tr("NEUTRINO フォルダが設定されていません"));
-    return 2;
+  EventLoop loop;
+  FrontEnd frontEnd;
+  frontEnd.alert = [](const std::string& text) { printError(text); };
+  AppState app(loop, frontEnd);
+  app.overrideConfig(runConfig(app.config(), o.engine, o.voice));
+  const auto plan =
+      app.planFolderRevocode(fs::absolute(o.runDir).lexically_normal(), o.all, o.voice);
+  if (plan.refusal) {
+    printError(*plan.refusal);
+    return kExitRefused;
   }
-  // A run folder names its tracks and their voices in its mix recipe; a track's own folder
-  // sings with the voice given or the settings' voice.
-  const auto recipe = MultiTrackSynthesizer::readMixRecipe(run);
-  std::vector<TrackDir> dirs;
-  if (recipe) {
-    for (const auto& v : recipe->voices)
-      dirs.push_back({run / v.folder, o.voice.empty() ? v.characterName : o.voice});
-  } else if (fs::exists(run / "full.lab")) {
-    dirs.push_back({run, config.selectedCharacterName});
-  } else {
-    printError(trf("合成の出力フォルダではありません: %@", {run.string()}));
-    return 2;
-  }
-  std::erase_if(dirs, [&](const TrackDir& t) { return !o.all && !edited(t.dir); });
-  if (dirs.empty()) {
+  if (plan.tracks.empty()) {
     std::fprintf(stderr, "%s\n", tr("直されたトラックはありません（すべて作り直すには --all）"));
     return 0;
   }
+  const Followed f = follow(loop, app, [&] { return app.startFolderRevocode(plan, o.skipF0); });
+  const int status = finishFollowed(f);
+  if (status == 0) std::printf("%s\n", f.outcome->wavPath->c_str());
+  return status;
+}
 
-  EventLoop loop;
-  NEUTRINOEngine engine(loop);
-  ProgressLine progress;
-  bool ok = true;
-  bool cancelled = false;
-  std::vector<std::string> log;
-  loop.onSignals({SIGINT, SIGTERM}, [&](int) {
-    cancelled = true;
-    engine.cancel();
-  });
-  for (const TrackDir& t : dirs) {
-    if (t.voice.empty()) {
-      printError(tr("声が決まっていません（--voice で指定してください）"));
-      return 2;
-    }
-    NEUTRINOConfig c = config;
-    c.selectedCharacterName = t.voice;
-    progress.message("▶ " + t.dir.filename().string() + " (" + t.voice + ")");
-    std::optional<bool> done;
-    engine.revocode(
-        c, t.dir, o.skipF0,
-        [&](double pct, const std::string&, std::optional<double> eta) {
-          progress.update(pct, tr("ボコーダ再実行中..."), eta);
-        },
-        [&](const std::string& line) {
-          log.push_back(line);
-          progress.message(line);
-        },
-        [&](bool r) {
-          done = r;
-          loop.stop();
-        });
-    if (!done) loop.run();
-    std::error_code ec;
-    if (!*done || !fs::exists(t.dir / "output.wav", ec) || cancelled) {
-      ok = false;
-      break;
-    }
-  }
-  progress.finish();
-  if (!ok) {
-    printError(tr("ボコーダ再実行に失敗しました。ログを確認してください。"));
-    if (auto d = diagnose(log)) printDiagnosis(*d);
-    return 1;
-  }
-  if (!recipe) {
-    std::printf("%s\n", (run / "output.wav").c_str());
-    return 0;
-  }
-  // The voices are mixed again as the render mixed them, never louder than it allowed.
-  std::vector<fs::path> paths;
-  std::vector<float> gains, pans;
-  for (const auto& v : recipe->voices) {
-    paths.push_back(run / v.folder / "output.wav");
-    gains.push_back(v.gain);
-    pans.push_back(v.pan);
-  }
-  const fs::path mix = run / "mix.wav";
-  if (!mixdown::mix(paths, gains, pans, mix, recipe->scale).ok) {
-    printError(tr("⚠ ミックスダウンに失敗"));
-    return 1;
-  }
-  std::printf("%s\n", mix.c_str());
-  return 0;
+// The same words under both commands' help.
+std::string exitStatusHelp() {
+  return tr(
+      "終了コード: 0 できた / 1 失敗（エンジン・ミックス・ファイル） / 2 始める前に断った"
+      "（使い方・設定・声・楽譜の確認） / 130 Ctrl-C（SIGINT）で中止 / 143 SIGTERM で中止 / "
+      "129 端末が閉じた（SIGHUP）ので中止。中止したときも、エンジンのプロセスは残しません。");
 }
 
 const bool registeredRender = registerCommand(
@@ -332,7 +346,9 @@ const bool registeredRender = registerCommand(
            ->type_name("DIR");
        sub.add_flag("--json", opts->json, tr("JSON で出力する"));
        sub.footer(
-           tr("合成できない音があれば何も始めずに終了コード 2、合成の失敗は 1 を返します。"));
+           std::string(
+               tr("合成できない音があれば何も始めずに終了コード 2、合成の失敗は 1 を返します。")) +
+           "\n" + exitStatusHelp());
        return [opts] { return render(*opts); };
      }});
 
@@ -358,8 +374,9 @@ const bool registeredRerender = registerCommand(
        sub.add_option("--voice", opts->voice, tr("この回は全トラックをこの声で歌わせる"))
            ->type_name("NAME");
        sub.footer(
-           tr("timing.lab か output.f0 が output.wav より新しいトラックを作り直し、mix.wav "
-              "もミックスし直します。"));
+           std::string(tr("timing.lab か output.f0 が output.wav より新しいトラックを作り直し、"
+                          "mix.wav もミックスし直します。")) +
+           "\n" + exitStatusHelp());
        return [opts] { return rerender(*opts); };
      }});
 

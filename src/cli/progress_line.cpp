@@ -34,10 +34,24 @@ void ProgressLine::clear() {
   drawn_ = false;
 }
 
-void ProgressLine::update(double percentage, const std::string& stage,
-                          std::optional<double> etaSec) {
-  const int whole = static_cast<int>(std::clamp(percentage, 0.0, 100.0));
-  const std::string eta = etaSec && *etaSec > 0 ? remainingText(*etaSec) : "";
+std::optional<double> ProgressLine::estimate(double percentage, double elapsedSec) {
+  if (elapsedSec < kEstimateAfterSec || percentage < kEstimateAfterPercent || percentage >= 100)
+    return std::nullopt;
+  const double left = elapsedSec * (100 - percentage) / percentage;
+  // "0 min 0 s" would say nothing, or something false.
+  if (left < 1) return std::nullopt;
+  return left;
+}
+
+void ProgressLine::update(double percentage, const std::string& givenStage) {
+  // A line that names no stage leaves the last one standing.
+  const std::string stage = givenStage.empty() ? shownStage_ : givenStage;
+  const auto now = std::chrono::steady_clock::now();
+  if (!started_) started_ = now;
+  if (std::isfinite(percentage)) highest_ = std::max(highest_, std::clamp(percentage, 0.0, 100.0));
+  const int whole = static_cast<int>(highest_);
+  const auto left = estimate(highest_, std::chrono::duration<double>(now - *started_).count());
+  const std::string eta = left ? remainingText(*left) : "";
   if (!terminal_) {
     // Plain lines only when the number or the stage changes: the time left ticks too often.
     if (whole == shownPercent_ && stage == shownStage_) return;

@@ -71,6 +71,20 @@ class SynthesisRunTest : public ::testing::Test {
     EXPECT_EQ(outcomes.size(), before + 1);
     return outcomes.empty() ? AppState::SynthesisOutcome{} : outcomes.back();
   }
+  // What the start refused, at once or after the engine check; nothing when it started.
+  std::optional<std::string> refusalOf(MixdownKind kind) {
+    if (auto r = core->app->startSynthesis(kind)) return r;
+    EXPECT_TRUE(test::pumpUntil(
+        core->loop, [&] { return !core->app->isCheckingEngine(); }, 30s));
+    core->loop.runUntilIdle();
+    if (!outcomes.empty() &&
+        outcomes.back().ending == AppState::SynthesisOutcome::Ending::refused) {
+      std::string text = outcomes.back().message;
+      outcomes.pop_back();
+      return text;
+    }
+    return std::nullopt;
+  }
   bool logHas(const std::string& needle) const {
     for (const auto& l : core->app->synthesisLog())
       if (l.find(needle) != std::string::npos) return true;
@@ -85,25 +99,26 @@ class SynthesisRunTest : public ::testing::Test {
 
 TEST_F(SynthesisRunTest, ARefusedStartRunsNothingWritesNothingAndChangesNothing) {
   const fs::path mark = home.path() / "ran";
-  test::makeFakeEngine(engine, "touch '" + mark.string() + "'");
+  // The start check runs the singer once without work; work would leave the mark.
+  test::makeFakeEngine(engine, "[ $# -eq 0 ] && exit 0\ntouch '" + mark.string() + "'");
   test::writeText(engine / "bin" / "musicXMLtoLabel", "#!/bin/sh\ntouch '" + mark.string() + "'\n");
   useEngine();
   AppState& app = *core->app;
 
   // The gate names the note the engine cannot read; its list goes to the run's log.
   setSong({track("Lead", "voice", 60, "x")});
-  auto refusal = app.startSynthesis(MixdownKind::allTracks);
+  auto refusal = refusalOf(MixdownKind::allTracks);
   ASSERT_TRUE(refusal);
   EXPECT_NE(refusal->find("1小節目"), std::string::npos) << *refusal;
   EXPECT_TRUE(logHas("「問題一覧」"));
 
   // A voice the engine folder lacks, and a song whose every track is muted.
   setSong({track("Lead", "nobody", 60)});
-  EXPECT_EQ(app.startSynthesis(MixdownKind::allTracks),
+  EXPECT_EQ(refusalOf(MixdownKind::allTracks),
             "キャラモデル「nobody」が NEUTRINO/model/ に見つかりません。設定を確認してください。");
   setSong({track("Lead", "voice", 60)});
   core->vm().commit("消音", [](MusicDocument& d) { d.tracks[0].isMuted = true; });
-  EXPECT_EQ(app.startSynthesis(MixdownKind::allTracks),
+  EXPECT_EQ(refusalOf(MixdownKind::allTracks),
             "⚠ 全部のトラックが消音です。歌わせるトラックの消音を外してください。");
   // A range whose only notes are on a muted track: the sung track starts in bar 2.
   MusicTrack late = track("Lead", "voice", 60);
@@ -115,8 +130,7 @@ TEST_F(SynthesisRunTest, ARefusedStartRunsNothingWritesNothingAndChangesNothing)
   muted.isMuted = true;
   setSong({late, muted});
   core->vm().setLoopEndTick(240);
-  EXPECT_EQ(app.startSynthesis(MixdownKind::rangeAllTracks),
-            "合成できる範囲に、歌う音がありません");
+  EXPECT_EQ(refusalOf(MixdownKind::rangeAllTracks), "合成できる範囲に、歌う音がありません");
 
   EXPECT_FALSE(app.isSynthesizing());
   EXPECT_FALSE(app.canCancelSynthesis());
@@ -145,7 +159,8 @@ TEST_F(SynthesisRunTest, TheStallWordComesAtTwentyFiveSilentSecondsAndGoesWithTh
   setSong({track("Lead", "voice", 60)});
   AppState& app = *core->app;
   ASSERT_FALSE(app.startSynthesis(MixdownKind::allTracks));
-  EXPECT_TRUE(app.isSynthesizing());
+  ASSERT_TRUE(test::pumpUntil(
+      core->loop, [&] { return app.isSynthesizing(); }, 30s));
   ASSERT_TRUE(test::pumpUntil(
       core->loop, [&] { return logHas("30% thinking"); }, 30s));
 
@@ -311,25 +326,69 @@ TEST_F(SynthesisRunTest, AReRenderAfterATimingEditTakesTheNewCurveOnlyIfTheLineS
   EXPECT_EQ(vm.editedPitchCurve()->frequencies, flat.frequencies);
 }
 
-TEST_F(SynthesisRunTest, CancelEndsTheRunAsAFailureAndKeepsItsFiles) {
+TEST_F(SynthesisRunTest, CancelEndsTheRunAsCancelledAndKeepsItsFiles) {
   test::makeFakeEngine(engine, "[ $# -eq 0 ] && exit 0\necho '30% thinking'\nsleep 30");
   useEngine();
   setSong({track("Lead", "voice", 60)});
   AppState& app = *core->app;
   app.runFolderOverride = home.path() / "run";
   ASSERT_FALSE(app.startSynthesis(MixdownKind::allTracks));
-  // A second request while it runs is refused with the alert.
+  // A second request, during the check or the run, is refused with the alert.
   EXPECT_EQ(app.startSynthesis(MixdownKind::allTracks), "現在合成中です。完了をお待ちください。");
   ASSERT_TRUE(test::pumpUntil(
       core->loop, [&] { return logHas("30% thinking"); }, 30s));
+  EXPECT_EQ(app.startSynthesis(MixdownKind::allTracks), "現在合成中です。完了をお待ちください。");
   ASSERT_TRUE(app.canCancelSynthesis());
   app.cancelSynthesis();
   const auto outcome = waitForEnd();
-  EXPECT_FALSE(outcome.success);
+  EXPECT_EQ(outcome.ending, AppState::SynthesisOutcome::Ending::cancelled);
+  EXPECT_EQ(outcome.message, "合成を中止しました。");
+  EXPECT_FALSE(outcome.diagnosis);
   EXPECT_FALSE(app.isSynthesizing());
   EXPECT_FALSE(app.canCancelSynthesis());
   EXPECT_TRUE(fs::exists(home.path() / "run" / "track1_Lead" / "score.musicxml"));
   EXPECT_TRUE(app.takeHistory().empty());
+}
+
+TEST_F(SynthesisRunTest, ACancelDuringTheEngineCheckStartsNothing) {
+  // A singer that hangs when started without work keeps the check waiting for its timeout.
+  test::makeFakeEngine(engine, "[ $# -eq 0 ] && exec sleep 30\necho sung");
+  useEngine();
+  core->app->engineCheckTimeoutSec = 30;
+  setSong({track("Lead", "voice", 60)});
+  AppState& app = *core->app;
+  app.runFolderOverride = home.path() / "run";
+  ASSERT_FALSE(app.startSynthesis(MixdownKind::allTracks));
+  EXPECT_TRUE(app.isCheckingEngine());
+  EXPECT_FALSE(app.isSynthesizing());
+  ASSERT_TRUE(app.canCancelSynthesis());
+  const auto before = std::chrono::steady_clock::now();
+  app.cancelSynthesis();
+  const auto outcome = waitForEnd();
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+  EXPECT_EQ(outcome.ending, AppState::SynthesisOutcome::Ending::cancelled);
+  EXPECT_FALSE(app.isCheckingEngine());
+  EXPECT_FALSE(fs::exists(home.path() / "run"));
+  EXPECT_FALSE(logHas("sung"));
+}
+
+TEST_F(SynthesisRunTest, AScanKeepsTheChosenVoiceOrFallsBackToTheFirst) {
+  useStandIn();
+  AppState& app = *core->app;
+  NEUTRINOConfig c = app.config();
+  c.selectedCharacterName = "soprano";
+  app.setConfig(c);
+  app.scanCharacters();
+  ASSERT_EQ(app.characters().size(), 2u);
+  EXPECT_TRUE(app.charactersLoaded());
+  EXPECT_EQ(app.selectedCharacter()->name, "soprano");
+
+  c.selectedCharacterName = "gone";
+  app.setConfig(c);
+  app.scanCharacters();
+  EXPECT_EQ(app.selectedCharacter()->name, "alto");
+  EXPECT_EQ(app.config().selectedCharacterName, "alto");
+  EXPECT_EQ(NEUTRINOConfig::load()->selectedCharacterName, "alto");  // saved
 }
 
 }  // namespace

@@ -85,6 +85,18 @@ TEST(DiagnosisTest, EarlierRowsWinOverLaterOnes) {
   EXPECT_EQ(titleOf({"sh: ./bin/NEUTRINO: permission denied"}), tr("実行権限がありません"));
 }
 
+TEST(DiagnosisTest, FixesNameThisProgramsCommandsWithTheFolder) {
+  const auto d = diagnose({"sh: /opt/My Engine/bin/neutrino: Permission denied"}, "/opt/My Engine");
+  ASSERT_TRUE(d);
+  ASSERT_FALSE(d->fixes.empty());
+  EXPECT_NE(d->fixes[0].find("melvo engine fix '/opt/My Engine'"), std::string::npos)
+      << d->fixes[0];
+  for (const auto& f : d->fixes) EXPECT_EQ(f.find("Desktop"), std::string::npos) << f;
+  const auto missing = diagnose({"bash: musicXMLtoLabel: command not found"}, "/opt/n");
+  ASSERT_TRUE(missing);
+  EXPECT_NE(missing->fixes[1].find("melvo engine fix /opt/n"), std::string::npos);
+}
+
 TEST(DiagnosisTest, UnknownFailureGivesNothing) {
   EXPECT_FALSE(diagnose({}));
   EXPECT_FALSE(diagnose({"Segmentation fault (core dumped)", "model loaded"}));

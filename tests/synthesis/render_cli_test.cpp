@@ -1,6 +1,9 @@
 // `melvo render` as a user and a script see it.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <limits>
+
 #include "melvo/importers/import_entry.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/json.h"
@@ -19,10 +22,11 @@ bool has(const std::string& s, const std::string& needle) {
 
 TEST(RenderCommand, ARefusedSongStartsNothingAndWritesNothing) {
   test::TempHome home;
-  // Tools that leave a mark if anything ever runs them.
+  // Tools that leave a mark if they are ever given work (the start check runs the singer once
+  // without any, to see that it loads).
   const fs::path engine = home.path() / "engine";
   const fs::path mark = home.path() / "ran";
-  test::makeFakeEngine(engine, "touch '" + mark.string() + "'");
+  test::makeFakeEngine(engine, "[ $# -eq 0 ] && exit 0\ntouch '" + mark.string() + "'");
   test::writeText(engine / "bin" / "musicXMLtoLabel", "#!/bin/sh\ntouch '" + mark.string() + "'\n");
 
   MusicDocument d;
@@ -130,6 +134,87 @@ TEST(RenderCommand, OnlyEditedTracksAreRenderedAgainAndMixedAsBefore) {
   const auto notARun =
       test::runMelvo({"rerender", home.path().string(), "--engine", engine.string()});
   EXPECT_EQ(notARun.status, 2);
+}
+
+// Little-endian floats, as the engine writes them.
+std::string floats(const std::vector<float>& v) {
+  return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(float));
+}
+
+TEST(RenderCommand, RerenderReadsTheFilesAsTheEditorDoesRepairingOrRefusing) {
+  test::TempHome home;
+  const fs::path engine = home.path() / "engine";
+  const MusicDocument d = exampleSongSungByAlto(home.path());
+  const fs::path out = home.path() / "out";
+  ASSERT_EQ(test::runMelvo({"render", (home.path() / "song.nsproj").string(), "--engine",
+                            engine.string(), "--out", out.string(), "--bars", "2"})
+                .status,
+            0);
+  const fs::path trackDir = out / ("track1_" + MultiTrackSynthesizer::safeName(d.tracks[0].name));
+  const std::string f0 = test::readText(trackDir / "output.f0");
+  ASSERT_GT(f0.size(), 40u);
+  // A curve with a torn tail and values no voice sings: NaN, 3000 Hz, -5 Hz.
+  std::string bad = f0.substr(0, 16) +
+                    floats({std::numeric_limits<float>::quiet_NaN(), 3000.0f, -5.0f}) +
+                    f0.substr(28) + "xy";
+  test::writeText(trackDir / "output.f0", bad);
+  const std::vector<std::string> rerender{"rerender", out.string(), "--engine", engine.string(),
+                                          "--skip-f0"};
+  const auto r = test::runMelvo(rerender, {"LANGUAGE=ja"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(has(r.err, "末尾を切り捨てます")) << r.err;
+  EXPECT_TRUE(has(r.err, "異常値 3 個を 0Hz にクランプ")) << r.err;
+  // The engine sang the repaired curve: whole frames, the three values unvoiced.
+  const std::string sung = test::readText(trackDir / "output.f0");
+  ASSERT_EQ(sung.size(), bad.size() - 2);
+  std::vector<float> values(sung.size() / 4);
+  std::memcpy(values.data(), sung.data(), sung.size());
+  EXPECT_EQ(values[4], 0.0f);
+  EXPECT_EQ(values[5], 0.0f);
+  EXPECT_EQ(values[6], 0.0f);
+
+  // A deleted timing file is an edit nobody can sing, not "nothing edited".
+  fs::remove(trackDir / "timing.lab");
+  const auto gone = test::runMelvo(rerender, {"LANGUAGE=ja"});
+  EXPECT_EQ(gone.status, 2) << gone.err;
+  EXPECT_TRUE(has(gone.err, "timing.lab を読めないため")) << gone.err;
+}
+
+TEST(RenderCommand, TheFolderIsCheckedFirstAndAWorkingOneElsewhereIsOffered) {
+  test::TempHome home;
+  exampleSongSungByAlto(home.path());
+  const std::string song = (home.path() / "song.nsproj").string();
+  auto r = test::runMelvo({"render", song, "--engine", "/nonexistent"}, {"LANGUAGE=ja"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_TRUE(has(r.err, "NEUTRINO は見つかりましたが、実行できませんでした")) << r.err;
+  EXPECT_FALSE(has(r.err, "キャラモデル")) << r.err;
+
+  // An engine where the search looks, in the home folder.
+  fs::create_directories(home.path() / "NEUTRINO" / "model" / "alto");
+  fs::create_symlink(test::standInEngine() / "bin", home.path() / "NEUTRINO" / "bin");
+  r = test::runMelvo({"render", song, "--engine", "/nonexistent"}, {"LANGUAGE=ja"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_TRUE(has(r.err, "使える NEUTRINO が別の場所に見つかりました")) << r.err;
+  EXPECT_TRUE(has(r.err, (home.path() / "NEUTRINO").string())) << r.err;
+}
+
+TEST(RenderCommand, ATrackWithoutAVoiceSingsWithTheFirstVoiceOfTheFolder) {
+  test::TempHome home;
+  const fs::path engine = home.path() / "engine";
+  MusicDocument d = exampleSongSungByAlto(home.path());
+  fs::create_directories(engine / "model" / "soprano");
+  // Track 3 of four, voiceless, and no voice in the settings.
+  d.tracks.resize(4);
+  d.tracks[3].notes = d.tracks[0].notes;
+  d.tracks[3].name = "three";
+  d.tracks[0].characterName.clear();
+  writeProject(d, home.path() / "song.nsproj");
+  const auto r = test::runMelvo({"render", (home.path() / "song.nsproj").string(), "--engine",
+                                 engine.string(), "--track", "3", "--json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  Json takes = Json::parse(test::runMelvo({"takes", "--json"}).out);
+  ASSERT_EQ(takes.size(), 1u);
+  EXPECT_EQ(takes.asArray()[0]["characterName"].asString(), "alto");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <regex>
+#include <thread>
 
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
@@ -215,6 +216,41 @@ TEST_F(RenderSeriesTest, DroppingTheSynthesizerMidSeriesStopsTheEngineAndCallsNo
   EXPECT_FALSE(test::pumpUntil(
       loop, [&] { return called; }, 1500ms));
   EXPECT_EQ(logIndex("2/2"), log.size());
+}
+
+TEST_F(RenderSeriesTest, ACancelBetweenTwoTracksStartsNoFurtherTrack) {
+  MusicDocument d;
+  d.tracks = {track("One", "alto", 60), track("Two", "alto", 62)};
+  // Once the first track's script has said its last word, wait on the main queue until its
+  // run has ended, and cancel right there: after the first track's end, before the second.
+  bool cancelledBetween = false;
+  std::function<void()> cancelOnceIdle = [&] {
+    if (engine.isRunning()) {
+      std::this_thread::sleep_for(1ms);
+      loop.post(cancelOnceIdle);
+      return;
+    }
+    cancelledBetween = logIndex("2/2") == log.size();
+    synth.cancel();
+  };
+  std::optional<Synth::Result> result;
+  synth.render(
+      d, runDir, config, {}, [](double, const std::string&, std::optional<double>) {},
+      [&](const std::string& l) {
+        log.push_back(l);
+        if (l == "100% 合成完了" && logIndex("2/2") == log.size()) loop.post(cancelOnceIdle);
+      },
+      [&](Synth::Result r) { result = std::move(r); });
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return result.has_value(); }, 60s));
+  EXPECT_TRUE(cancelledBetween);
+  EXPECT_TRUE(result->cancelled);
+  EXPECT_FALSE(result->success);
+  ASSERT_EQ(result->rendered.size(), 1u);  // the first track's voice stays
+  EXPECT_EQ(logIndex("2/2"), log.size());
+  EXPECT_FALSE(fs::exists(runDir / "track2_Two" / "output.wav"));
+  EXPECT_FALSE(fs::exists(runDir / "mix.wav"));
+  EXPECT_FALSE(synth.isRunning());
 }
 
 TEST_F(RenderSeriesTest, NothingToSingFailsAtOnce) {

@@ -139,13 +139,44 @@ TEST_F(ShellRunnerTest, CancelEndsTheWholeGroupEvenAToolThatIgnoresSigterm) {
   runner.cancel();
   EXPECT_FALSE(runner.isRunning());
   ASSERT_TRUE(waitExit(1, 10s));
-  ASSERT_TRUE(test::pumpUntil(
-      loop, [&] { return test::liveMembers(group).empty(); }, 10s));
+  EXPECT_TRUE(test::liveMembers(group).empty());  // by the time the exit is told
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 4s);
   EXPECT_EQ(events.back(), "exit " + std::to_string(128 + SIGTERM));
   std::this_thread::sleep_for(200ms);
   loop.runUntilIdle();
   EXPECT_EQ(exits, 1);
+}
+
+TEST_F(ShellRunnerTest, TheExitComesOnlyOnceNothingOfTheGroupIsLeft) {
+  // The script ends at once, leaving behind a child that shrugs off SIGTERM: whoever quits on
+  // the exit must not leave it running.
+  std::optional<std::size_t> leftAtExit;
+  pid_t group = 0;
+  runner.run(
+      script("bash -c 'trap \"\" TERM; echo ready; sleep 60' &\nsleep 0.3\n"), dir.path(),
+      [this](const std::string& l) { events.push_back(l); },
+      [&](int status) {
+        leftAtExit = test::liveMembers(group).size();
+        events.push_back("exit " + std::to_string(status));
+        ++exits;
+      });
+  group = *runner.processId();
+  const auto t0 = std::chrono::steady_clock::now();
+  ASSERT_TRUE(waitExit(1, 10s));
+  EXPECT_EQ(leftAtExit, 0u);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, 3s);  // its grace time, then SIGKILL
+  EXPECT_EQ(events.back(), "exit 0");                    // the script's own status
+
+  // A second cancel does not wait for the grace time.
+  events.clear();
+  start("bash -c 'trap \"\" TERM; echo ready; while :; do sleep 0.05; done'\n");
+  ASSERT_TRUE(test::pumpUntil(
+      loop, [&] { return !events.empty(); }, 10s));
+  const auto t1 = std::chrono::steady_clock::now();
+  runner.cancel();
+  runner.cancel();
+  ASSERT_TRUE(waitExit(2, 10s));
+  EXPECT_LT(std::chrono::steady_clock::now() - t1, 1500ms);
 }
 
 TEST_F(ShellRunnerTest, AStaleRunsExitDoesNotClearTheNewRun) {

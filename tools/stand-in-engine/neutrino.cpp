@@ -31,8 +31,8 @@ void usage() {
       "\n"
       "Stand-in test double for the NEUTRINO engine, built with Melvo for its tests and demo.\n"
       "It is not the engine: it sings a buzz that follows the pitch curve and the timing.\n"
-      "Failure modes for tests: MELVO_STANDIN_MODE=hang|crash|missing-library|slow, or\n"
-      "mode=... in stand-in.conf of the voice folder.\n");
+      "Failure modes for tests: MELVO_STANDIN_MODE=hang|hang-run|crash|missing-library|slow\n"
+      "(hang-run hangs only when given work), or mode=... in stand-in.conf of the voice folder.\n");
 }
 
 [[noreturn]] void fail(const std::string& message) {
@@ -217,6 +217,7 @@ int main(int argc, char** argv) {
     usage();
     return 1;
   }
+  if (b.mode == "hang-run") hang("neutrino");
   std::error_code ec;
   if (!fs::is_directory(args.model, ec))
     fail("Error: model directory " + args.model + " does not exist");

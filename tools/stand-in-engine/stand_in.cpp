@@ -229,13 +229,15 @@ void applyStartFailures(const Behaviour& b, const char* toolName) {
                  toolName);
     std::exit(127);
   }
-  if (b.mode == "hang") {
-    // A hung engine that does not even answer SIGTERM: only SIGKILL ends it.
-    std::signal(SIGTERM, SIG_IGN);
-    std::printf("%s: waiting for a device...\n", toolName);
-    std::fflush(stdout);
-    for (;;) ::pause();
-  }
+  if (b.mode == "hang") hang(toolName);
+}
+
+void hang(const char* toolName) {
+  // A hung engine that does not even answer SIGTERM: only SIGKILL ends it.
+  std::signal(SIGTERM, SIG_IGN);
+  std::printf("%s: waiting for a device...\n", toolName);
+  std::fflush(stdout);
+  for (;;) ::pause();
 }
 
 void step(const Behaviour& b, int index) {

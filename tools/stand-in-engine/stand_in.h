@@ -54,12 +54,16 @@ void writeLabels(const std::string& path, const std::vector<Label>& labels, bool
 // Failure switches for tests: MELVO_STANDIN_MODE / MELVO_STANDIN_DELAY_MS in the environment,
 // else `mode=` / `delay_ms=` in stand-in.conf of the voice folder, else of the bin folder.
 struct Behaviour {
-  std::string mode;  // "", "hang", "crash", "missing-library", "slow"
+  // "", "hang", "hang-run" (hangs only when given work, so a start check passes), "crash",
+  // "missing-library", "slow"
+  std::string mode;
   int delayMs = 700;
 };
 Behaviour behaviour(const std::string& voiceFolder);
 // Acts on hang, crash and missing-library; returns for the others.
 void applyStartFailures(const Behaviour& b, const char* toolName);
+// Waits for ever, deaf to SIGTERM: only SIGKILL ends it.
+[[noreturn]] void hang(const char* toolName);
 // One step of work: sleeps in slow mode, crashes in crash mode at the given step.
 void step(const Behaviour& b, int index);
 

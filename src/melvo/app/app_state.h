@@ -22,6 +22,7 @@
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/uuid.h"
 #include "melvo/synthesis/diagnosis.h"
+#include "melvo/synthesis/installation_finder.h"
 #include "melvo/synthesis/mixdown_kind.h"
 #include "melvo/synthesis/neutrino_config.h"
 
@@ -95,6 +96,9 @@ class AppState : public Observable {
 
   // How a render or a re-render ended, for whoever started it.
   struct SynthesisOutcome {
+    // refused: the engine check or a check after it said no; nothing was started.
+    enum class Ending { succeeded, refused, failed, cancelled };
+    Ending ending = Ending::failed;
     bool success = false;
     bool revocode = false;
     std::optional<std::string> wavPath;  // the mix (or the re-rendered voice's new mix)
@@ -153,16 +157,40 @@ class AppState : public Observable {
   bool refuseRenderWhileRendering();
 
   // ---- Rendering ----
-  // Starts a render of `kind` after the last checks. A refusal is returned (and logged or
-  // alerted) before any process starts, leaving everything as it was; otherwise the end comes
-  // through synthesisEnded on the main queue.
+  // Starts a render of `kind` after the last checks. What can be refused at once is returned
+  // (and alerted), leaving everything as it was. Then the engine's start check runs off the main
+  // queue; a refusal after it (folder health, voice, notes, the gate) and every end of a run
+  // comes through synthesisEnded, always from the main queue, never from inside this call.
   std::optional<std::string> startSynthesis(MixdownKind kind);
-  // Ends the series; the run ends as a failure and its files stay.
+  // Stops the start check or the running series (no further track starts); the run ends as
+  // cancelled and its files stay. A second cancel does not wait for the engine's grace time.
   void cancelSynthesis();
   bool canCancelSynthesis() const { return static_cast<bool>(_cancelSynthesis); }
+  // The engine's start check is running: a render was asked for and is not yet refused or begun.
+  bool isCheckingEngine() const { return static_cast<bool>(startCheck_); }
   // Runs the engine's late stage again in the folder of the loaded curve, after the curve
   // (skipF0) or the timing was edited. A refusal is returned; the end comes as above.
   std::optional<std::string> startRevocode(bool skipF0);
+  // The re-render of a run folder written by a render (or of one track's folder in it), without
+  // the song: the tracks whose timing.lab or output.f0 is newer than their voice, or all.
+  struct FolderRevocode {
+    struct Track {
+      std::filesystem::path dir;
+      std::string voice;
+    };
+    std::filesystem::path runDir;
+    std::vector<Track> tracks;  // empty: nothing was edited
+    bool mixAgain = false;      // a run folder: its voices are mixed again afterwards
+    std::optional<std::string> refusal;
+  };
+  // `voice` (may be empty) replaces the voices the run was sung with.
+  FolderRevocode planFolderRevocode(const std::filesystem::path& folder, bool all,
+                                    const std::string& voice) const;
+  // Each track goes the way of startRevocode: its curve and timing are read by the same readers
+  // (what they repaired is logged, and written back for the engine), then the late stage runs;
+  // then the voices are mixed again as the render mixed them. A refusal is returned; the end
+  // comes through synthesisEnded.
+  std::optional<std::string> startFolderRevocode(const FolderRevocode& plan, bool skipF0);
   // Mixes the voices of the last render again with the current volume, pan, mute and solo.
   void remixVoices();
   std::function<void(const SynthesisOutcome&)> synthesisEnded;
@@ -197,7 +225,24 @@ class AppState : public Observable {
   const NEUTRINOConfig& config() const { return _config; }
   void setConfig(NEUTRINOConfig config);  // saves
   // For this session only: a command's --engine must not change the user's settings.
-  void overrideConfig(NEUTRINOConfig config) { assign(_config, std::move(config), "config"); }
+  void overrideConfig(NEUTRINOConfig config) {
+    configOverridden_ = true;
+    assign(_config, std::move(config), "config");
+  }
+  // The voices of the engine folder. A scan keeps the voice of the settings, or else takes the
+  // first voice, whose name then becomes the setting.
+  const std::vector<CharacterModel>& characters() const { return _characters; }
+  bool charactersLoaded() const { return _charactersLoaded; }
+  const std::optional<CharacterModel>& selectedCharacter() const { return _selectedCharacter; }
+  void scanCharacters();
+  // An engine shipped with Melvo is unpacked once (progress in the bundled-setup fields), and
+  // the settings point at the engine to use; the voices are scanned when the folder changed.
+  void setUpEngineFolder();
+  void setUpEngineFolder(const std::optional<std::filesystem::path>& resources);
+  double bundledSetupProgress() const { return _bundledSetupProgress; }
+  const std::string& bundledSetupStage() const { return _bundledSetupStage; }
+  bool bundledSetupRunning() const { return _bundledSetupRunning; }
+  bool bundledSetupDone() const { return _bundledSetupDone; }
   void loadConfig();
   void saveConfig();
 
@@ -254,6 +299,16 @@ class AppState : public Observable {
                         std::uint64_t swapSeq,
                         const std::optional<std::vector<float>>& curveAtStart);
   void endSynthesis(SynthesisOutcome outcome);
+  struct StartCheck;
+  struct FolderRun;
+  void startCheckDone(const StartCheck* check, MixdownKind kind,
+                      const NEUTRINOInstallationFinder::ConfiguredPathHealth& health);
+  std::optional<std::string> beginSynthesis(MixdownKind kind);
+  void endWithRefusal(const std::string& text);
+  void runRevocode(const std::filesystem::path& dir, const NEUTRINOConfig& config, bool skipF0,
+                   std::function<void(bool ok)> onDone);
+  void folderRevocodeStep(std::shared_ptr<FolderRun> run, std::size_t i);
+  void folderRevocodeFinished(std::shared_ptr<FolderRun> run, bool ok);
   void recomputeTracksNeedingSynthesis();
   void remixFinished(std::uint64_t seq, bool ok, const std::string& path);
   void mixMayHaveChanged();
@@ -296,6 +351,18 @@ class AppState : public Observable {
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
   std::unique_ptr<NEUTRINOEngine> engine_;
   std::unique_ptr<MultiTrackSynthesizer> synthesizer_;
+  // Engine settings state.
+  std::vector<CharacterModel> _characters;
+  bool _charactersLoaded = false;
+  std::optional<CharacterModel> _selectedCharacter;
+  std::string charactersFolder_;  // the folder of the last scan
+  double _bundledSetupProgress = 0;
+  std::string _bundledSetupStage;
+  bool _bundledSetupRunning = false;
+  bool _bundledSetupDone = false;
+  bool configOverridden_ = false;
+  bool cancelRequested_ = false;            // during the current run
+  std::shared_ptr<StartCheck> startCheck_;  // stops and joins its thread when dropped
   bool _showHome = false;
   std::vector<AutoSaveSnapshot> _recoverableSnapshots;
   bool _recoveryDismissed = false;

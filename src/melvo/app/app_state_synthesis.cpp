@@ -3,9 +3,11 @@
 // take, loads the rendered curve and timing for editing, explains a failure from the log,
 // and mixes the stored voices again when the mixer changes.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <system_error>
+#include <thread>
 
 #include "melvo/app/app_state.h"
 #include "melvo/checking/synthesis_gate.h"
@@ -18,10 +20,29 @@
 #include "melvo/synthesis/mixdown.h"
 #include "melvo/synthesis/multi_track_synthesizer.h"
 #include "melvo/synthesis/neutrino_engine.h"
+#include "melvo/synthesis/setup_helper.h"
 
 namespace fs = std::filesystem;
 
 namespace melvo {
+
+// The engine's start check, on a thread of its own so that the main queue stays free (a
+// cancel, a signal) while it waits for up to its timeout.
+struct AppState::StartCheck {
+  std::atomic<bool> stop{false};
+  std::thread thread;
+  ~StartCheck() {
+    stop = true;
+    if (thread.joinable()) thread.join();
+  }
+};
+
+// A re-render of a run folder, track after track.
+struct AppState::FolderRun {
+  FolderRevocode plan;
+  bool skipF0 = false;
+  std::optional<MultiTrackSynthesizer::MixRecipe> recipe;
+};
 
 struct AppState::RenderStart {
   MusicDocument document;  // as sent to the engine: voices filled in, cut at the range
@@ -80,12 +101,74 @@ std::optional<std::string> AppState::refuseSynthesis(std::string text, bool toLo
 }
 
 std::optional<std::string> AppState::startSynthesis(MixdownKind kind) {
-  if (_isSynthesizing) return refuseSynthesis(tr("現在合成中です。完了をお待ちください。"), false);
+  if (_isSynthesizing || startCheck_)
+    return refuseSynthesis(tr("現在合成中です。完了をお待ちください。"), false);
   if (kind == MixdownKind::fromFile)
     return refuseSynthesis(
         tr("ファイルからの合成は、MusicXML を読み込めるようになるまで使えません"), false);
   if (auto refusal = mixdownRefusal(kind)) return refuseSynthesis(*refusal, false);
 
+  // The folder's health comes first: a folder that does not run explains every later refusal
+  // (no voice, nothing found), and a working folder elsewhere is offered. It starts the engine
+  // once, so it waits off the main queue, and a cancel ends it.
+  auto check = std::make_shared<StartCheck>();
+  startCheck_ = check;
+  cancelRequested_ = false;
+  _cancelSynthesis = [this] {
+    if (startCheck_) startCheck_->stop = true;
+  };
+  notify("cancelSynthesis");
+  std::weak_ptr<int> alive = alive_;
+  const std::string folder = _config.neutrinoDirectory;
+  const double timeout = engineCheckTimeoutSec;
+  const StartCheck* which = check.get();
+  std::atomic<bool>* stop = &check->stop;
+  check->thread = std::thread([this, alive, folder, timeout, which, stop, kind] {
+    auto h = NEUTRINOInstallationFinder::health(folder, timeout, stop);
+    loop_.post([this, alive, which, kind, h = std::move(h)] {
+      if (!alive.expired()) startCheckDone(which, kind, h);
+    });
+  });
+  return std::nullopt;
+}
+
+void AppState::startCheckDone(const StartCheck* which, MixdownKind kind,
+                              const NEUTRINOInstallationFinder::ConfiguredPathHealth& health) {
+  if (startCheck_.get() != which) return;
+  const bool stopped = startCheck_->stop;
+  startCheck_.reset();  // joins the thread, which has nothing left to do
+  _cancelSynthesis = nullptr;
+  notify("cancelSynthesis");
+  if (stopped) {
+    SynthesisOutcome outcome;
+    outcome.ending = SynthesisOutcome::Ending::cancelled;
+    outcome.message = tr("合成を中止しました。");
+    appendSynthesisLog(outcome.message);
+    endSynthesis(std::move(outcome));
+    return;
+  }
+  if (!std::holds_alternative<NEUTRINOInstallationFinder::Ok>(health)) {
+    const std::string text = NEUTRINOInstallationFinder::healthMessage(health);
+    alert(text);
+    endWithRefusal(text);
+    return;
+  }
+  if (auto refusal = beginSynthesis(kind)) endWithRefusal(*refusal);
+}
+
+void AppState::endWithRefusal(const std::string& text) {
+  SynthesisOutcome outcome;
+  outcome.ending = SynthesisOutcome::Ending::refused;
+  outcome.message = text;
+  std::weak_ptr<int> alive = alive_;
+  loop_.post([this, alive, outcome] {
+    if (!alive.expired() && synthesisEnded) synthesisEnded(outcome);
+  });
+}
+
+std::optional<std::string> AppState::beginSynthesis(MixdownKind kind) {
+  // The song may have changed while the engine was checked.
+  if (auto refusal = mixdownRefusal(kind)) return refuseSynthesis(*refusal, false);
   const PianoRollViewModel& vm = pianoRollVM_;
   auto start = std::make_shared<RenderStart>();
   MusicDocument& doc = start->document;
@@ -108,15 +191,15 @@ std::optional<std::string> AppState::startSynthesis(MixdownKind kind) {
     }
   }
 
-  // A track without a voice of its own sings with the voice of the settings.
-  const std::vector<CharacterModel> voices = scanCharacters(_config.neutrinoDirectory);
+  // A track without a voice of its own sings with the selected voice of the folder.
+  scanCharacters();
   for (int i : tracks) {
     MusicTrack& t = doc.tracks[static_cast<std::size_t>(i)];
-    if (t.characterName.empty()) t.characterName = _config.selectedCharacterName;
+    if (t.characterName.empty() && _selectedCharacter) t.characterName = _selectedCharacter->name;
     if (t.characterName.empty())
       return refuseSynthesis(tr("⚠ 合成対象のトラックがありません（非ミュート＆キャラ割当が必要）"),
                              false);
-    if (!hasVoice(voices, t.characterName))
+    if (!hasVoice(_characters, t.characterName))
       return refuseSynthesis(
           trf("キャラモデル「%@」が NEUTRINO/model/ に見つかりません。設定を確認してください。",
               {t.characterName}),
@@ -143,14 +226,6 @@ std::optional<std::string> AppState::startSynthesis(MixdownKind kind) {
   const auto problems = SynthesisGate::problems(doc, sungIDs, selected);
   if (SynthesisGate::blocks(problems))
     return refuseSynthesis(SynthesisGate::refusalWithList(problems), true);
-
-  // The folder must hold an engine that really starts. This is the first check that runs a
-  // process, so it comes after the gate: a song the gate refuses starts nothing.
-  {
-    using namespace NEUTRINOInstallationFinder;
-    const ConfiguredPathHealth h = health(_config.neutrinoDirectory, engineCheckTimeoutSec);
-    if (!std::holds_alternative<Ok>(h)) return refuseSynthesis(healthMessage(h), false);
-  }
 
   // Unsaved work is saved first, so that a crash during a long render loses nothing. An
   // untitled song is left to the autosave: a file chooser in the middle of a start would
@@ -189,7 +264,11 @@ std::optional<std::string> AppState::startSynthesis(MixdownKind kind) {
 
   if (!engine_) engine_ = std::make_unique<NEUTRINOEngine>(loop_);
   if (!synthesizer_) synthesizer_ = std::make_unique<MultiTrackSynthesizer>(loop_, *engine_);
-  _cancelSynthesis = [this] { synthesizer_->cancel(); };
+  _cancelSynthesis = [this] {
+    // A second cancel kills what still runs at once.
+    cancelRequested_ = true;
+    synthesizer_->cancel();
+  };
   notify("cancelSynthesis");
   setIsSynthesizing(true);
 
@@ -206,6 +285,7 @@ std::optional<std::string> AppState::startSynthesis(MixdownKind kind) {
         for (const auto& t : r.rendered) rendered.emplace_back(t.trackIndex, t.wavPath.string());
         std::optional<std::string> mix;
         if (r.mixPath) mix = r.mixPath->string();
+        if (r.cancelled) cancelRequested_ = true;
         synthesisFinished(*start, r.success, std::move(mix), std::move(rendered), r.scale);
       });
   return std::nullopt;
@@ -213,6 +293,48 @@ std::optional<std::string> AppState::startSynthesis(MixdownKind kind) {
 
 void AppState::cancelSynthesis() {
   if (_cancelSynthesis) _cancelSynthesis();
+}
+
+// ---- Engine settings ----
+
+void AppState::scanCharacters() {
+  _characters = melvo::scanCharacters(_config.neutrinoDirectory);
+  charactersFolder_ = _config.neutrinoDirectory;
+  _charactersLoaded = true;
+  _selectedCharacter.reset();
+  for (const auto& c : _characters)
+    if (c.name == _config.selectedCharacterName) _selectedCharacter = c;
+  if (!_selectedCharacter && !_characters.empty()) {
+    _selectedCharacter = _characters.front();
+    _config.selectedCharacterName = _selectedCharacter->name;
+    notify("config");
+    if (!configOverridden_) saveConfig();
+  }
+  notify("characters");
+}
+
+void AppState::setUpEngineFolder() {
+  setUpEngineFolder(BundledEngine::resourceFolder());
+}
+
+void AppState::setUpEngineFolder(const std::optional<fs::path>& resources) {
+  BundledEngine::installBundledIfNeeded(resources, [this](const BundledEngine::SetupState& st) {
+    _bundledSetupProgress = st.progress;
+    _bundledSetupStage = st.stage;
+    _bundledSetupRunning = st.running;
+    _bundledSetupDone = st.done;
+    notify("bundledSetup");
+  });
+  if (auto path = BundledEngine::installedPath(_config.neutrinoDirectory, resources);
+      path && path->string() != _config.neutrinoDirectory) {
+    NEUTRINOConfig c = _config;
+    c.neutrinoDirectory = path->string();
+    if (configOverridden_)
+      assign(_config, std::move(c), "config");
+    else
+      setConfig(std::move(c));
+  }
+  if (!_charactersLoaded || charactersFolder_ != _config.neutrinoDirectory) scanCharacters();
 }
 
 // ---- Progress and the stall watch ----
@@ -282,12 +404,27 @@ void AppState::endSynthesis(SynthesisOutcome outcome) {
   _cancelSynthesis = nullptr;
   notify("cancelSynthesis");
   setIsSynthesizing(false);
-  if (!outcome.success) {
-    _lastDiagnosis = diagnose(_synthesisLog);
+  cancelRequested_ = false;
+  if (outcome.success) outcome.ending = SynthesisOutcome::Ending::succeeded;
+  if (outcome.ending == SynthesisOutcome::Ending::failed) {
+    // Our own words about a script that could not even start (its file, the temp folder) are
+    // no sign of the engine: their "No such file" would read as a missing engine.
+    std::vector<std::string> engineLog;
+    const std::string startFailure = tr("⚠ 合成開始失敗: ");
+    const std::string vocoderFailure = tr("⚠ ボコーダ起動失敗: ");
+    for (const auto& line : _synthesisLog)
+      if (!line.starts_with(startFailure) && !line.starts_with(vocoderFailure))
+        engineLog.push_back(line);
+    _lastDiagnosis = diagnose(engineLog, _config.neutrinoDirectory);
     outcome.diagnosis = _lastDiagnosis;
   }
   notify("synthesisProgress");
-  if (synthesisEnded) synthesisEnded(outcome);
+  // From the main queue, so that an end that comes at once (a run that cannot start) never
+  // reaches the starter before its start call has returned.
+  std::weak_ptr<int> alive = alive_;
+  loop_.post([this, alive, outcome = std::move(outcome)] {
+    if (!alive.expired() && synthesisEnded) synthesisEnded(outcome);
+  });
 }
 
 void AppState::synthesisFinished(const RenderStart& start, bool success,
@@ -296,6 +433,13 @@ void AppState::synthesisFinished(const RenderStart& start, bool success,
   SynthesisOutcome outcome;
   for (const auto& [index, _] : rendered) outcome.renderedTracks.push_back(index);
   std::error_code ec;
+  if (cancelRequested_) {
+    outcome.ending = SynthesisOutcome::Ending::cancelled;
+    outcome.message = tr("合成を中止しました。");
+    appendSynthesisLog(outcome.message);
+    endSynthesis(std::move(outcome));
+    return;
+  }
   if (!success || !mix || !fs::exists(*mix, ec)) {
     outcome.message =
         start.tracks.size() > 1
@@ -397,7 +541,8 @@ void AppState::loadRenderedData(const fs::path& trackDir, const Uuid& trackID) {
 // ---- Re-render ----
 
 std::optional<std::string> AppState::startRevocode(bool skipF0) {
-  if (_isSynthesizing) return refuseSynthesis(tr("現在合成中です。完了をお待ちください。"), false);
+  if (_isSynthesizing || startCheck_)
+    return refuseSynthesis(tr("現在合成中です。完了をお待ちください。"), false);
   PianoRollViewModel& vm = pianoRollVM_;
   if (!vm.f0FilePath() || !vm.pitchCurveTrackID())
     return refuseSynthesis(tr("先に合成してください（ボコーダ再実行には合成結果が必要です）"),
@@ -415,13 +560,27 @@ std::optional<std::string> AppState::startRevocode(bool skipF0) {
   if (voice != trackVoiceVoices_.end()) config.selectedCharacterName = voice->second;
 
   resetSynthesisFields(tr("ボコーダ再実行中..."));
-  if (!engine_) engine_ = std::make_unique<NEUTRINOEngine>(loop_);
-  _cancelSynthesis = [this] { engine_->cancel(); };
-  notify("cancelSynthesis");
-  setIsSynthesizing(true);
   const std::uint64_t swapSeq = vm.documentSwapSeq();
   std::optional<std::vector<float>> curveAtStart;
   if (vm.editedPitchCurve()) curveAtStart = vm.editedPitchCurve()->frequencies;
+  runRevocode(dir, config, skipF0, [this, skipF0, dir, swapSeq, curveAtStart](bool ok) {
+    revocodeFinished(ok, skipF0, dir, swapSeq, curveAtStart);
+  });
+  return std::nullopt;
+}
+
+// The late stage in one track's folder, as both re-renders run it.
+void AppState::runRevocode(const fs::path& dir, const NEUTRINOConfig& config, bool skipF0,
+                           std::function<void(bool ok)> onDone) {
+  if (!engine_) engine_ = std::make_unique<NEUTRINOEngine>(loop_);
+  if (!_cancelSynthesis) {
+    _cancelSynthesis = [this] {
+      cancelRequested_ = true;
+      engine_->cancel();
+    };
+    notify("cancelSynthesis");
+  }
+  setIsSynthesizing(true);
   std::weak_ptr<int> alive = alive_;
   engine_->revocode(
       config, dir, skipF0,
@@ -429,10 +588,169 @@ std::optional<std::string> AppState::startRevocode(bool skipF0) {
         synthesisProgressed(pct, tr("ボコーダ再実行中..."), eta);
       },
       [this](const std::string& line) { appendSynthesisLog(line); },
-      [this, alive, skipF0, dir, swapSeq, curveAtStart](bool ok) {
-        if (!alive.expired()) revocodeFinished(ok, skipF0, dir, swapSeq, curveAtStart);
+      [alive, onDone = std::move(onDone)](bool ok) {
+        if (!alive.expired()) onDone(ok);
       });
+}
+
+namespace {
+
+// A track's folder was edited when its timing or curve is newer than its voice, or when one
+// of them or the voice is missing: the readers then say what is wrong.
+bool edited(const fs::path& dir) {
+  std::error_code ec;
+  const auto wav = fs::last_write_time(dir / "output.wav", ec);
+  if (ec) return true;
+  for (const char* name : {"timing.lab", "output.f0"}) {
+    const auto t = fs::last_write_time(dir / name, ec);
+    if (ec || t > wav) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+AppState::FolderRevocode AppState::planFolderRevocode(const fs::path& folder, bool all,
+                                                      const std::string& voice) const {
+  FolderRevocode plan;
+  plan.runDir = folder;
+  if (_config.neutrinoDirectory.empty()) {
+    plan.refusal = tr("NEUTRINO フォルダが設定されていません");
+    return plan;
+  }
+  // A run folder names its tracks and their voices in its mix recipe; a track's own folder
+  // sings with the voice given or the voice of the settings.
+  if (const auto recipe = MultiTrackSynthesizer::readMixRecipe(folder)) {
+    plan.mixAgain = true;
+    for (const auto& v : recipe->voices)
+      plan.tracks.push_back({folder / v.folder, voice.empty() ? v.characterName : voice});
+  } else if (std::error_code ec; fs::exists(folder / "full.lab", ec)) {
+    plan.tracks.push_back({folder, voice.empty() ? _config.selectedCharacterName : voice});
+  } else {
+    plan.refusal = trf("合成の出力フォルダではありません: %@", {folder.string()});
+    return plan;
+  }
+  std::erase_if(plan.tracks,
+                [&](const FolderRevocode::Track& t) { return !all && !edited(t.dir); });
+  for (const auto& t : plan.tracks)
+    if (t.voice.empty()) plan.refusal = tr("声が決まっていません（--voice で指定してください）");
+  return plan;
+}
+
+std::optional<std::string> AppState::startFolderRevocode(const FolderRevocode& plan, bool skipF0) {
+  if (_isSynthesizing || startCheck_)
+    return refuseSynthesis(tr("現在合成中です。完了をお待ちください。"), false);
+  if (plan.refusal) return refuseSynthesis(*plan.refusal, false);
+  if (plan.tracks.empty()) return refuseSynthesis(tr("直されたトラックはありません"), false);
+  auto run = std::make_shared<FolderRun>();
+  run->plan = plan;
+  run->skipF0 = skipF0;
+  if (plan.mixAgain) {
+    run->recipe = MultiTrackSynthesizer::readMixRecipe(plan.runDir);
+    if (!run->recipe)
+      return refuseSynthesis(trf("合成の出力フォルダではありません: %@", {plan.runDir.string()}),
+                             false);
+  }
+  // Every track's files are read before anything runs: one the readers cannot use refuses the
+  // whole re-render, and the repairs of all of them are known up front.
+  std::vector<std::string> repairs;
+  for (const auto& t : plan.tracks) {
+    log::Capture capture;
+    const std::optional<PhonemeList> timing = PhonemeList::read(t.dir / "timing.lab");
+    std::optional<PitchCurve> curve;
+    if (skipF0) curve = PitchCurve::read(t.dir / "output.f0");
+    if (!timing || (skipF0 && !curve))
+      return refuseSynthesis(trf("%@ を読めないため、作り直せません",
+                                 {(t.dir / (!timing ? "timing.lab" : "output.f0")).string()}),
+                             false);
+    if (timing->phonemes.empty())
+      return refuseSynthesis(
+          trf("%@ に音素がないため、作り直せません", {(t.dir / "timing.lab").string()}), false);
+    for (const auto& line : capture.lines())
+      repairs.push_back(trf("⚠ %@: %@", {t.dir.filename().string(), line}));
+    // What the readers repaired is what the engine gets.
+    try {
+      if (!capture.lines().empty()) {
+        timing->write(t.dir / "timing.lab");
+        if (curve) curve->write(t.dir / "output.f0");
+      }
+    } catch (const std::exception& e) {
+      return refuseSynthesis(trf("保存に失敗: %@", {e.what()}), false);
+    }
+  }
+  resetSynthesisFields(tr("ボコーダ再実行中..."));
+  cancelRequested_ = false;
+  for (const auto& line : repairs) appendSynthesisLog(line);
+  folderRevocodeStep(std::move(run), 0);
   return std::nullopt;
+}
+
+void AppState::folderRevocodeStep(std::shared_ptr<FolderRun> run, std::size_t i) {
+  if (cancelRequested_ || i == run->plan.tracks.size()) {
+    folderRevocodeFinished(std::move(run), !cancelRequested_);
+    return;
+  }
+  const auto& t = run->plan.tracks[i];
+  appendSynthesisLog("▶ " + t.dir.filename().string() + " (" + t.voice + ")");
+  NEUTRINOConfig config = _config;
+  config.selectedCharacterName = t.voice;
+  const fs::path dir = t.dir;
+  runRevocode(dir, config, run->skipF0, [this, run, i, dir](bool ok) {
+    std::error_code ec;
+    if (!ok || !fs::exists(dir / "output.wav", ec) || cancelRequested_) {
+      folderRevocodeFinished(run, false);
+      return;
+    }
+    // The next track from the main queue, not from inside the engine's own callback.
+    std::weak_ptr<int> alive = alive_;
+    loop_.post([this, alive, run, i] {
+      if (!alive.expired()) folderRevocodeStep(run, i + 1);
+    });
+  });
+}
+
+void AppState::folderRevocodeFinished(std::shared_ptr<FolderRun> run, bool ok) {
+  SynthesisOutcome outcome;
+  outcome.revocode = true;
+  if (cancelRequested_) {
+    outcome.ending = SynthesisOutcome::Ending::cancelled;
+    outcome.message = tr("合成を中止しました。");
+    appendSynthesisLog(outcome.message);
+    endSynthesis(std::move(outcome));
+    return;
+  }
+  if (!ok) {
+    outcome.message = tr("ボコーダ再実行に失敗しました。ログを確認してください。");
+    appendSynthesisLog(outcome.message);
+    endSynthesis(std::move(outcome));
+    return;
+  }
+  fs::path wav = run->plan.runDir / "output.wav";
+  if (run->recipe) {
+    // The voices are mixed again as the render mixed them, never louder than it allowed.
+    std::vector<fs::path> paths;
+    std::vector<float> gains, pans;
+    for (const auto& v : run->recipe->voices) {
+      paths.push_back(run->plan.runDir / v.folder / "output.wav");
+      gains.push_back(v.gain);
+      pans.push_back(v.pan);
+    }
+    wav = run->plan.runDir / "mix.wav";
+    if (!mixdown::mix(paths, gains, pans, wav, run->recipe->scale).ok) {
+      outcome.message = tr("⚠ ミックスダウンに失敗");
+      appendSynthesisLog(outcome.message);
+      endSynthesis(std::move(outcome));
+      return;
+    }
+  }
+  _synthesisProgress = 100.0;
+  outcome.success = true;
+  outcome.wavPath = wav.string();
+  outcome.message = run->skipF0
+                        ? tr("✓ f0編集を反映してWAVを再生成しました")
+                        : tr("✓ 音の境目の直しを反映して、f0 も推し直し、WAV を作り直しました");
+  appendSynthesisLog(outcome.message);
+  endSynthesis(std::move(outcome));
 }
 
 void AppState::revocodeFinished(bool ok, bool skipF0, const fs::path& dir, std::uint64_t swapSeq,
@@ -440,6 +758,13 @@ void AppState::revocodeFinished(bool ok, bool skipF0, const fs::path& dir, std::
   SynthesisOutcome outcome;
   outcome.revocode = true;
   std::error_code ec;
+  if (cancelRequested_) {
+    outcome.ending = SynthesisOutcome::Ending::cancelled;
+    outcome.message = tr("合成を中止しました。");
+    appendSynthesisLog(outcome.message);
+    endSynthesis(std::move(outcome));
+    return;
+  }
   if (!ok || !fs::exists(dir / "output.wav", ec)) {
     outcome.message = tr("ボコーダ再実行に失敗しました。ログを確認してください。");
     appendSynthesisLog(outcome.message);

@@ -8,6 +8,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <fstream>
 
 #include "melvo/synthesis/shell_runner.h"
 
@@ -112,6 +114,100 @@ bool signalGroup(pid_t pgid, int sig) {
 
 bool groupExists(pid_t pgid) {
   return signalGroup(pgid, 0) || (pgid > 0 && errno == EPERM);
+}
+
+bool groupHasLiveMembers(pid_t pgid) {
+  if (!groupExists(pgid)) return false;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it("/proc", ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream in(it->path() / "stat");
+    std::string stat;
+    if (!std::getline(in, stat)) continue;
+    // "pid (comm) state ppid pgrp ...": comm may hold anything, so read after the last ')'.
+    const auto close = stat.rfind(')');
+    if (close == std::string::npos) continue;
+    char state = 0;
+    long ppid = 0, group = 0;
+    if (std::sscanf(stat.c_str() + close + 1, " %c %ld %ld", &state, &ppid, &group) != 3) continue;
+    if (group == pgid && state != 'Z' && state != 'X') return true;
+  }
+  return false;
+}
+
+namespace {
+
+void sleepMs(long ms) {
+  timespec t{ms / 1000, (ms % 1000) * 1000000L};
+  while (::nanosleep(&t, &t) != 0 && errno == EINTR) {
+  }
+}
+
+// The watchdog's whole life, in the forked child: nothing here may allocate or take a lock,
+// since another thread of the parent may have held one at the fork.
+[[noreturn]] void watch(int readFd, pid_t pgid, const char* leftover) {
+  ::setpgid(0, 0);  // out of the terminal's reach: Ctrl-C and a closed terminal are not for it
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  for (int s : {SIGINT, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP}) ::sigaction(s, &ignore, nullptr);
+  if (readFd != 0) {
+    ::dup2(readFd, 0);
+    ::close(readFd);
+  }
+  ::close_range(1, ~0U, 0);
+  bool released = false;
+  for (;;) {
+    char c = 0;
+    const ssize_t n = ::read(0, &c, 1);
+    if (n == 1) {
+      released = released || c == 'd';
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    break;
+  }
+  if (!released) {
+    ::kill(-pgid, SIGTERM);
+    for (int i = 0; i < 60 && ::kill(-pgid, 0) == 0; ++i) sleepMs(50);
+    ::kill(-pgid, SIGKILL);
+    if (*leftover) ::unlink(leftover);
+  }
+  ::_exit(0);
+}
+
+}  // namespace
+
+int startWatchdog(pid_t pgid, const std::filesystem::path& leftover) {
+  int fds[2];
+  if (pgid <= 0 || ::pipe2(fds, O_CLOEXEC) != 0) return -1;
+  const std::string path = leftover.string();  // made before the fork: the child cannot
+  const pid_t middle = ::fork();
+  if (middle < 0) {
+    ::close(fds[0]);
+    ::close(fds[1]);
+    return -1;
+  }
+  if (middle == 0) {
+    // Forked twice, so that init adopts the watchdog and nobody here has to reap it.
+    if (::fork() != 0) ::_exit(0);
+    ::close(fds[1]);
+    watch(fds[0], pgid, path.c_str());
+  }
+  ::close(fds[0]);
+  while (::waitpid(middle, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  return fds[1];
+}
+
+void releaseWatchdog(int& fd) {
+  if (fd < 0) return;
+  const char done = 'd';
+  while (::write(fd, &done, 1) < 0 && errno == EINTR) {
+  }
+  ::close(fd);
+  fd = -1;
 }
 
 }  // namespace melvo::child

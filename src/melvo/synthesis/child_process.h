@@ -38,6 +38,17 @@ int shellStatus(int waitStatus);
 // Sends `sig` to the whole group; false when no process of it is left.
 bool signalGroup(pid_t pgid, int sig);
 bool groupExists(pid_t pgid);
+// Whether a process of the group still runs. Unlike groupExists(), a zombie does not count:
+// an orphan's zombie waits for whatever adopted it, which need not reap it soon.
+bool groupHasLiveMembers(pid_t pgid);
+
+// A small process that outlives this one: when the returned descriptor is closed without a
+// 'd' written first (this process died, however), it sends SIGTERM to the group, SIGKILL to
+// what is left of it 3 s later, and removes `leftover` (may be empty). Writing 'd' and closing
+// lets it go quietly. -1 when it could not be started. The descriptor is close-on-exec.
+int startWatchdog(pid_t pgid, const std::filesystem::path& leftover);
+// Tells the watchdog that the group is dealt with, and closes the descriptor.
+void releaseWatchdog(int& fd);
 
 }  // namespace melvo::child
 

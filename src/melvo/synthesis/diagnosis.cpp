@@ -89,9 +89,19 @@ Diagnosis sharedLibrary(const std::string& library) {
               "ファイル）がそろっているか確認")}};
 }
 
+// The folder as a shell argument in a command the user copies.
+std::string folderArgument(const std::string& folder) {
+  if (folder.empty()) return tr("<NEUTRINOフォルダ>");
+  if (folder.find_first_of(" '\"$`\\!*?[]{}()<>|&;#~") == std::string::npos) return folder;
+  std::string quoted = "'";
+  for (char c : folder) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 }  // namespace
 
-std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines) {
+std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines,
+                                  const std::string& engineFolder) {
   std::string log;
   for (std::size_t i = 0; i < lines.size(); ++i) {
     if (i > 0) log += '\n';
@@ -110,8 +120,12 @@ std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines) {
     return Diagnosis{tr("NEUTRINO の実行ファイルが見つかりません"),
                      tr("NEUTRINOフォルダ（設定の「NEUTRINO フォルダ」）に bin/ "
                         "ディレクトリと、neutrino・musicXMLtoLabel の実行ファイルが必要です。"),
-                     {tr("設定（上帯の歯車か ⌘,）で NEUTRINOフォルダの場所を確認"),
-                      tr("bin/ 内のファイルが存在し、実行権限（chmod +x）があるか確認")}};
+                     // The other OS's settings shortcut and paths do not exist here; the
+                     // command line names its own commands.
+                     {tr("NEUTRINOフォルダの中身を確かめる：\nmelvo engine status"),
+                      trf("bin/ 内のファイルが存在し、実行権限があるか確認（直すには：melvo "
+                          "engine fix %@）",
+                          {folderArgument(engineFolder)})}};
 
   if (contains(log, "model") && contains(log, "not exist"))
     return Diagnosis{tr("モデルディレクトリが見つかりません"),
@@ -120,11 +134,12 @@ std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines) {
                       tr("model/ ディレクトリ配下にキャラクターのフォルダがあるか確認")}};
 
   if (contains(log, "Permission denied") || contains(log, "permission denied"))
-    return Diagnosis{tr("実行権限がありません"),
-                     tr("NEUTRINO 実行ファイルに実行権限が付与されていません。"),
-                     {tr("ターミナルで：chmod +x ~/Desktop/NEUTRINO/bin/*"),
-                      tr("macOSのセキュリティでブロックされている場合は「システム設定 → "
-                         "プライバシーとセキュリティ」で許可")}};
+    return Diagnosis{
+        tr("実行権限がありません"),
+        tr("NEUTRINO 実行ファイルに実行権限が付与されていません。"),
+        {trf("実行権限を付ける：\nmelvo engine fix %@", {folderArgument(engineFolder)}),
+         tr("NEUTRINOフォルダが実行を許さないドライブ（noexec で mount された "
+            "USB メモリなど）にある場合は、ホームフォルダへ移す")}};
 
   return std::nullopt;
 }

@@ -16,7 +16,9 @@ struct Diagnosis {
 };
 
 // Looks at the whole log at once (lines joined by "\n"): the most specific known failure wins,
-// and a log we do not recognise gives nothing rather than a misleading guess.
-std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines);
+// and a log we do not recognise gives nothing rather than a misleading guess. `engineFolder`
+// (may be empty) goes into the commands that a fix names.
+std::optional<Diagnosis> diagnose(const std::vector<std::string>& lines,
+                                  const std::string& engineFolder = "");
 
 }  // namespace melvo

@@ -152,7 +152,8 @@ bool isInstallation(const fs::path& path) {
          hasAny(bin, {"musicXMLtoLabel", "MusicXMLtoLabel"});
 }
 
-ExecutableCheck checkExecutable(const fs::path& path, double timeoutSec) {
+ExecutableCheck checkExecutable(const fs::path& path, double timeoutSec,
+                                const std::atomic<bool>* stop) {
   fs::path tool;
   for (const char* name : {"neutrino", "NEUTRINO"}) {
     if (isExecutableFile(path / "bin" / name)) {
@@ -191,6 +192,13 @@ ExecutableCheck checkExecutable(const fs::path& path, double timeoutSec) {
       break;
     }
     if (std::chrono::steady_clock::now() >= deadline) break;
+    if (stop && stop->load()) {
+      // Nobody waits for the answer any more: no grace time.
+      child::signalGroup(spawned.pid, SIGKILL);
+      waitFor(spawned.pid, status, std::chrono::milliseconds(2000));
+      ::close(spawned.outFd);
+      return Missing{};
+    }
     ::usleep(20000);
   }
   if (!ended) {
@@ -276,11 +284,13 @@ std::vector<std::string> discover() {
   return found;
 }
 
-std::optional<std::string> bestCandidate() {
+std::optional<std::string> bestCandidate(const std::atomic<bool>* stop) {
   auto all = discover();
   if (all.empty()) return std::nullopt;
-  for (const auto& p : all)
-    if (std::holds_alternative<Ok>(checkExecutable(p))) return p;
+  for (const auto& p : all) {
+    if (stop && stop->load()) break;
+    if (std::holds_alternative<Ok>(checkExecutable(p, defaultCheckTimeout, stop))) return p;
+  }
   return all.front();
 }
 
@@ -288,9 +298,10 @@ std::vector<std::string> candidates() {
   return discover();
 }
 
-ConfiguredPathHealth health(const std::string& path, double timeoutSec) {
+ConfiguredPathHealth health(const std::string& path, double timeoutSec,
+                            const std::atomic<bool>* stop) {
   if (path.empty()) return NotConfigured{};
-  ExecutableCheck check = checkExecutable(path, timeoutSec);
+  ExecutableCheck check = checkExecutable(path, timeoutSec, stop);
   if (std::holds_alternative<Ok>(check)) return Ok{};
   std::string detail = tr(
       "NEUTRINO は見つかりましたが、実行できませんでした。インストールが不完全な可能性があります。"
@@ -301,9 +312,9 @@ ConfiguredPathHealth health(const std::string& path, double timeoutSec) {
     for (std::size_t i = 0; i < chars.size() && i < 200; ++i) head += chars[i];
     detail += "\n\n" + head;
   }
-  auto c = bestCandidate();
+  auto c = stop && stop->load() ? std::nullopt : bestCandidate(stop);
   if (c && fs::path(*c).lexically_normal() != fs::path(path).lexically_normal() &&
-      isInstallation(*c) && std::holds_alternative<Ok>(checkExecutable(*c, timeoutSec)))
+      isInstallation(*c) && std::holds_alternative<Ok>(checkExecutable(*c, timeoutSec, stop)))
     return BrokenWithAlternative{detail, *c};
   return BrokenNoAlternative{detail};
 }

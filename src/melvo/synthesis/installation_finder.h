@@ -2,6 +2,7 @@
 // for one on this machine, and whether a configured folder really runs.
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -74,9 +75,11 @@ bool isInstallation(const std::filesystem::path& path);
 
 // Starts the engine once, with no arguments, and looks at what it prints: a loader failure is
 // `Broken` with the text. A tool that is still running at the timeout is ended and counts as
-// running. Blocks for up to `timeoutSec`; call it off the main thread.
+// running. Blocks for up to `timeoutSec`; call it off the main thread. Once `stop` is set the
+// check ends its processes at once and returns (with a result nobody should use).
 ExecutableCheck checkExecutable(const std::filesystem::path& path,
-                                double timeoutSec = defaultCheckTimeout);
+                                double timeoutSec = defaultCheckTimeout,
+                                const std::atomic<bool>* stop = nullptr);
 
 // The usual install places, then a walk three folders deep under Downloads, Desktop,
 // Documents, Music and Applications in the home folder. No duplicates.
@@ -86,10 +89,11 @@ std::vector<std::string> discover();
 std::filesystem::path searchHome();
 
 // The first discovered installation that runs, else the first discovered one.
-std::optional<std::string> bestCandidate();
+std::optional<std::string> bestCandidate(const std::atomic<bool>* stop = nullptr);
 std::vector<std::string> candidates();
 
-ConfiguredPathHealth health(const std::string& path, double timeoutSec = defaultCheckTimeout);
+ConfiguredPathHealth health(const std::string& path, double timeoutSec = defaultCheckTimeout,
+                            const std::atomic<bool>* stop = nullptr);
 // The user-facing message of a health result, empty for Ok.
 std::string healthMessage(const ConfiguredPathHealth& health);
 

@@ -34,12 +34,22 @@ struct MultiTrackSynthesizer::Run {
   ProgressHandler onProgress;
   LogHandler onLog;
   DoneHandler onDone;
+  bool cancelled = false;
 };
 
 namespace {
 
 void replaceAll(std::string& s, char from, char to) {
   std::replace(s.begin(), s.end(), from, to);
+}
+
+// At most `limit` bytes, cut before a UTF-8 lead byte so no character is split.
+std::string cutToBytes(std::string s, std::size_t limit) {
+  if (s.size() <= limit) return s;
+  std::size_t end = limit;
+  while (end > 0 && (static_cast<unsigned char>(s[end]) & 0xC0) == 0x80) --end;
+  s.resize(end);
+  return s;
 }
 
 // The small files of a run folder (scores, the mix recipe) replace their target whole, through
@@ -97,7 +107,7 @@ fs::path MultiTrackSynthesizer::runFolder(const std::string& projectName,
   const std::size_t len = std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H-%M-%S", &local);
   std::snprintf(stamp + len, sizeof stamp - len, "-%03d",
                 static_cast<int>((ms.count() % 1000 + 1000) % 1000));
-  std::string name = projectName + "_" + stamp;
+  std::string name = cutToBytes(projectName, kMaxNameBytes) + "_" + stamp;
   replaceAll(name, ':', '-');
   replaceAll(name, '/', '_');
   replaceAll(name, ' ', '_');
@@ -107,7 +117,7 @@ fs::path MultiTrackSynthesizer::runFolder(const std::string& projectName,
 std::string MultiTrackSynthesizer::safeName(std::string name) {
   replaceAll(name, '/', '_');
   replaceAll(name, ' ', '_');
-  return name;
+  return cutToBytes(std::move(name), kMaxNameBytes);
 }
 
 std::vector<MultiTrackSynthesizer::TrackPlan> MultiTrackSynthesizer::plan(
@@ -175,6 +185,7 @@ void MultiTrackSynthesizer::render(const MusicDocument& document, const fs::path
   run->onDone = std::move(onDone);
   if (trackIndices.empty()) trackIndices = singableTracks(document, false);
   running_ = true;
+  current_ = run;
 
   if (trackIndices.empty()) {
     run->onLog(tr("⚠ 合成対象のトラックがありません（非ミュート＆キャラ割当が必要）"));
@@ -200,6 +211,15 @@ void MultiTrackSynthesizer::render(const MusicDocument& document, const fs::path
 
 void MultiTrackSynthesizer::runTrack(std::shared_ptr<Run> run, std::size_t i) {
   const std::size_t n = run->plans.size();
+  if (run->cancelled) {
+    // A cancel between two tracks: the next one is not started, and nothing is mixed.
+    Result result;
+    result.cancelled = true;
+    result.rendered = run->rendered;
+    result.renderedTrackIDs = run->renderedIDs;
+    finish(run, std::move(result));
+    return;
+  }
   if (i == n) {
     mixAll(std::move(run));
     return;
@@ -221,9 +241,10 @@ void MultiTrackSynthesizer::runTrack(std::shared_ptr<Run> run, std::size_t i) {
         const TrackPlan& p = run->plans[i];
         // A zero status without the voice file is no success: there would be nothing to mix.
         std::error_code ec;
-        if (!ok || !fs::exists(p.wavPath, ec)) {
-          run->onLog(trf("⚠ トラック %@ の合成に失敗しました", {p.trackName}));
+        if (!ok || !fs::exists(p.wavPath, ec) || run->cancelled) {
+          if (!run->cancelled) run->onLog(trf("⚠ トラック %@ の合成に失敗しました", {p.trackName}));
           Result result;
+          result.cancelled = run->cancelled;
           result.rendered = run->rendered;
           result.renderedTrackIDs = run->renderedIDs;
           finish(run, std::move(result));
@@ -240,7 +261,9 @@ void MultiTrackSynthesizer::runTrack(std::shared_ptr<Run> run, std::size_t i) {
 
 void MultiTrackSynthesizer::mixAll(std::shared_ptr<Run> run) {
   run->onProgress(99.0, tr("WAVをミックスダウン中..."), std::nullopt);
-  run->onLog(trf("▶ %@トラックをミックスダウン", {std::to_string(run->rendered.size())}));
+  run->onLog(run->rendered.size() == 1
+                 ? std::string(tr("▶ 1トラックをミックスダウン"))
+                 : trf("▶ %@トラックをミックスダウン", {std::to_string(run->rendered.size())}));
   std::vector<fs::path> paths;
   std::vector<float> gains, pans;
   for (const auto& p : run->plans) {
@@ -274,7 +297,10 @@ void MultiTrackSynthesizer::mixAll(std::shared_ptr<Run> run) {
       result.rendered = run->rendered;
       result.renderedTrackIDs = run->renderedIDs;
       result.scale = mixed.ok ? mixed.scale : 1.0f;
-      if (mixed.ok) {
+      if (run->cancelled) {
+        // Asked to stop while the voices were mixed: the file is there, but not asked for.
+        result.cancelled = true;
+      } else if (mixed.ok) {
         run->onLog(trf("✓ ミックスダウン完了: %@", {out.string()}));
         result.success = true;
         result.mixPath = out;
@@ -328,10 +354,12 @@ std::optional<MultiTrackSynthesizer::MixRecipe> MultiTrackSynthesizer::readMixRe
 
 void MultiTrackSynthesizer::finish(const std::shared_ptr<Run>& run, Result result) {
   running_ = false;
+  current_.reset();
   if (run->onDone) run->onDone(std::move(result));
 }
 
 void MultiTrackSynthesizer::cancel() {
+  if (auto run = current_.lock()) run->cancelled = true;
   engine_.cancel();
 }
 

@@ -44,6 +44,7 @@ class MultiTrackSynthesizer {
     std::vector<RenderedTrack> rendered;
     std::vector<Uuid> renderedTrackIDs;
     float scale = 1.0f;
+    bool cancelled = false;  // ended by cancel(), during a track or between two
   };
 
   // What a run's mix was made of, kept beside mix.wav as mix.json so that a later re-render
@@ -79,8 +80,10 @@ class MultiTrackSynthesizer {
   // <Music>/Melvo/<project>_<local time>, with ":", "/" and " " made safe.
   static std::filesystem::path runFolder(const std::string& projectName,
                                          std::chrono::system_clock::time_point when);
-  // "/" and " " become "_".
+  // "/" and " " become "_", and a long name is cut (at a character's edge) so that the
+  // track's folder name stays within what a file system takes.
   static std::string safeName(std::string name);
+  static constexpr std::size_t kMaxNameBytes = 200;
   // Makes each track's folder and writes its score (a one-track copy keeping the song's tempo
   // and meter). Throws FileError when a folder or score cannot be written.
   static std::vector<TrackPlan> plan(const MusicDocument& document,
@@ -100,7 +103,8 @@ class MultiTrackSynthesizer {
   void render(const MusicDocument& document, const std::filesystem::path& runDir,
               const NEUTRINOConfig& config, std::vector<int> trackIndices,
               ProgressHandler onProgress, LogHandler onLog, DoneHandler onDone);
-  // Stops the running track; the series ends as if it had failed. Dropping the synthesizer
+  // Stops the running track, or keeps the next one from starting; the series ends without a
+  // mix, its result marked cancelled. Dropping the synthesizer
   // mid-series cancels it too, and its callbacks are not called any more.
   void cancel();
   bool isRunning() const { return running_; }
@@ -114,6 +118,7 @@ class MultiTrackSynthesizer {
   EventLoop& loop_;
   NEUTRINOEngine& engine_;
   bool running_ = false;
+  std::weak_ptr<Run> current_;
   std::thread mixer_;
   // Jobs the mixer posts check this, so a result never reaches a synthesizer that is gone.
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);

@@ -140,6 +140,21 @@ std::string NEUTRINOEngine::revocodeScript(const NEUTRINOConfig& config, const f
   return s;
 }
 
+bool NEUTRINOEngine::isScriptProgressLine(std::string_view line) {
+  static constexpr std::string_view lines[] = {"0% 合成開始...",
+                                               "5% MusicXMLtoLabel 変換中...",
+                                               "20% ラベル変換完了",
+                                               "25% ニューラル推論開始...",
+                                               "100% 合成完了",
+                                               "0% 編集された f0 / timing を元に再合成...",
+                                               "10% neutrino 起動中（--skip-timing）...",
+                                               "10% neutrino 起動中（--skip-timing --skip-f0）...",
+                                               "100% 再合成完了"};
+  for (std::string_view l : lines)
+    if (line == l) return true;
+  return false;
+}
+
 fs::path NEUTRINOEngine::writeScript(const std::string& script, std::string_view prefix) {
   fs::path path = paths::tempDir() / (std::string(prefix) + Uuid::random().toString() + ".sh");
   // A fresh name that only we know, read once by bash right after and removed after the run:

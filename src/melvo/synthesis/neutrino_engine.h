@@ -52,6 +52,9 @@ class NEUTRINOEngine {
                                      const std::filesystem::path& outputDir);
   static std::string revocodeScript(const NEUTRINOConfig& config,
                                     const std::filesystem::path& outputDir, bool skipF0);
+  // Whether `line` is one of the progress lines that our own scripts echo (as opposed to what
+  // the engine's tools print). A front end that shows progress as a bar need not repeat them.
+  static bool isScriptProgressLine(std::string_view line);
   // Writes `script` to the temp folder as <prefix><UUID>.sh, mode 0755. Throws FileError.
   static std::filesystem::path writeScript(const std::string& script, std::string_view prefix);
 

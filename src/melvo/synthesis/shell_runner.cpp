@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #include "melvo/platform/event_loop.h"
@@ -85,8 +84,20 @@ struct ShellRunner::Reader : std::enable_shared_from_this<Reader> {
   std::unique_ptr<char[]> chunk;
   std::string line;  // reused for every line handed out
 
+  asio::steady_timer escalation;  // SIGKILL after a cancel's grace time
+  asio::steady_timer groupWait;   // polls for the group's last process after the script ended
+  std::optional<std::chrono::steady_clock::time_point> killAt;  // set once ending was asked for
+  int watchdog = -1;
+
   Reader(asio::io_context& io, pid_t p)
-      : pid(p), out(io, ""), err(io, "[STDERR] "), exitWatch(io), pause(io) {}
+      : pid(p),
+        out(io, ""),
+        err(io, "[STDERR] "),
+        exitWatch(io),
+        pause(io),
+        escalation(io),
+        groupWait(io) {}
+  ~Reader() { child::releaseWatchdog(watchdog); }
 
   bool gone() const { return finished || alive.expired(); }
 
@@ -208,13 +219,18 @@ struct ShellRunner::Reader : std::enable_shared_from_this<Reader> {
   }
 
   // Frees the descriptors; pending waits come back aborted and do nothing.
-  void close() {
-    finished = true;
+  void closePipes() {
     asio::error_code ignored;
     pause.cancel();
     out.close();
     err.close();
     exitWatch.close(ignored);
+  }
+  void close() {
+    finished = true;
+    closePipes();
+    escalation.cancel();
+    groupWait.cancel();
   }
 
   void reap() {
@@ -235,10 +251,54 @@ struct ShellRunner::Reader : std::enable_shared_from_this<Reader> {
     busy = false;
     on = on && deliver(out.carry, out.prefix) && deliver(err.carry, err.prefix);
     if (!on) return;
-    close();
+    closePipes();
+    awaitEmptyGroup();
+  }
+
+  // The script has ended, but a tool it started may live on: bash does not pass a SIGTERM on,
+  // and a tool may ignore it. The run is over only once nothing of its group is left, so that
+  // whoever waits for the exit can quit without leaving the engine running.
+  void awaitEmptyGroup() {
+    if (child::groupHasLiveMembers(pid)) {
+      const auto now = std::chrono::steady_clock::now();
+      if (!killAt) {
+        child::signalGroup(pid, SIGTERM);
+        killAt = now + std::chrono::milliseconds(killDelayMs);
+      }
+      // A zombie that nobody reaps is not waited for; past this, a live process is reported.
+      if (now < *killAt + std::chrono::seconds(2)) {
+        if (now >= *killAt) child::signalGroup(pid, SIGKILL);
+        groupWait.expires_after(std::chrono::milliseconds(20));
+        groupWait.async_wait([self = shared_from_this()](const asio::error_code& ec) {
+          if (!ec && !self->alive.expired()) self->awaitEmptyGroup();
+        });
+        return;
+      }
+    }
+    finished = true;
+    escalation.cancel();
+    child::releaseWatchdog(watchdog);
     auto state = owner.lock();
     if (state) closeRun(*state);
     onExit(status);
+  }
+
+  // SIGTERM now and SIGKILL after the grace time, timed on the main queue; a second cancel
+  // does not wait.
+  void terminate() {
+    const auto now = std::chrono::steady_clock::now();
+    if (killAt) {
+      killAt = now;
+      child::signalGroup(pid, SIGKILL);
+      return;
+    }
+    killAt = now + std::chrono::milliseconds(killDelayMs);
+    child::signalGroup(pid, SIGTERM);
+    escalation.expires_at(*killAt);
+    escalation.async_wait([self = shared_from_this()](const asio::error_code& ec) {
+      if (!ec && !self->finished && child::groupExists(self->pid))
+        child::signalGroup(self->pid, SIGKILL);
+    });
   }
 
   void closeRun(State& state);
@@ -284,11 +344,13 @@ ShellRunner::ShellRunner(EventLoop& mainQueue) : state_(std::make_shared<State>(
 
 ShellRunner::~ShellRunner() {
   state_->alive.reset();  // a line handler that destroyed us stops its reader right there
+  // Killed here and now: whoever drops the runner may be about to quit.
   for (auto& r : state_->readers) child::signalGroup(r->pid, SIGKILL);
   for (auto& r : state_->readers) {
     if (r->finished) continue;
-    r->reap();
+    if (r->exitWatch.is_open()) r->reap();
     r->close();
+    child::releaseWatchdog(r->watchdog);
   }
 }
 
@@ -332,6 +394,8 @@ void ShellRunner::run(const std::filesystem::path& script,
   reader->out.fd = spawned.outFd;
   reader->err.fd = spawned.errFd;
   reader->exitWatch.assign(pidfd);
+  // Should this process die before the run ends, the engine must not sing on unattended.
+  reader->watchdog = child::startWatchdog(spawned.pid, script);
   state_->pid = spawned.pid;
   state_->readers.push_back(reader);
   reader->start();
@@ -339,14 +403,8 @@ void ShellRunner::run(const std::filesystem::path& script,
 
 void ShellRunner::cancel() {
   if (state_->pid) {
-    const pid_t group = *state_->pid;
-    child::signalGroup(group, SIGTERM);
-    // Whatever of the group ignored SIGTERM is killed 3 s later; a group that has ended by
-    // then is left alone.
-    std::thread([group] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(killDelayMs));
-      if (child::groupExists(group)) child::signalGroup(group, SIGKILL);
-    }).detach();
+    for (auto& r : state_->readers)
+      if (r->pid == *state_->pid && !r->finished) r->terminate();
   }
   state_->isRunning = false;
 }

@@ -4,7 +4,8 @@
 // The pipes are read on the main queue itself, non-blocking, so a line costs no hop between
 // threads and the main queue never waits on the child. The script runs in its own process
 // group: bash does not pass a signal on to the tool it is waiting for, and a cancel must stop
-// the engine's CPU use too.
+// the engine's CPU use too. A run ends (onExit) only once no process of its group is left, and
+// a small watchdog process ends the group should this process die before that.
 #pragma once
 
 #include <sys/types.h>
@@ -47,8 +48,9 @@ class ShellRunner {
   void run(const std::filesystem::path& script, const std::filesystem::path& workingDirectory,
            LineHandler onLine, ExitHandler onExit);
 
-  // SIGTERM to the whole group now, SIGKILL 3 s later to whatever of it is left. onExit still
-  // arrives, with the child's own status. Safe when nothing runs.
+  // SIGTERM to the whole group now, SIGKILL 3 s later to whatever of it is left (timed on the
+  // main queue); a second cancel sends SIGKILL at once. onExit still arrives, with the child's
+  // own status, once the group is empty. Safe when nothing runs.
   void cancel();
 
   bool isRunning() const;
