@@ -175,6 +175,8 @@ int finishFollowed(const Followed& f) {
   }
   printError(o.revocode ? tr("ボコーダ再実行に失敗しました。上の記録を確かめてください。")
                         : tr("合成に失敗しました。上の記録を確かめてください。"));
+  // The notes the engine stopped on, with their bar and lyric.
+  for (const auto& row : o.engineRows) printError(row.message);
   if (o.diagnosis) printDiagnosis(*o.diagnosis);
   return kExitFailed;
 }
@@ -248,6 +250,13 @@ int render(const RenderOptions& o) {
     r["tracks"] = std::move(tracks);
     r["message"] = outcome.message;
     r["diagnosis"] = diagnosisJson(outcome.diagnosis);
+    Json stopped = Json::array();
+    for (const auto& row : outcome.engineRows)
+      stopped.push(Json::Object{{"track", row.trackIndex},
+                                {"tick", row.tick},
+                                {"note", row.noteID ? Json(row.noteID->toString()) : Json()},
+                                {"message", row.message}});
+    r["engineStoppedOn"] = std::move(stopped);
     std::printf("%s\n", r.dump(JsonStyle::Pretty).c_str());
   }
   const int status = finishFollowed(f);

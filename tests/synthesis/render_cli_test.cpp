@@ -180,6 +180,29 @@ TEST(RenderCommand, RerenderReadsTheFilesAsTheEditorDoesRepairingOrRefusing) {
   EXPECT_TRUE(has(gone.err, "timing.lab を読めないため")) << gone.err;
 }
 
+// The engine stops on a note the checks passed: its log is followed back to that note, which
+// is named with its bar and lyric, counted from the song's own bars.
+TEST(RenderCommand, TheNoteTheEngineStoppedOnIsNamed) {
+  test::TempHome home;
+  fs::create_directories(home.path() / "engine" / "model" / "alto");
+  fs::create_symlink(test::standInEngine() / "bin", home.path() / "engine" / "bin");
+  MusicDocument d;
+  d.tracks[0].characterName = "alto";
+  d.tracks[0].notes = NoteList({NoteEvent::make(Uuid::random(), 0, 1920, 67, 100, "さ"),
+                                NoteEvent::make(Uuid::random(), 1920, 960, 67, 100, "か"),
+                                NoteEvent::make(Uuid::random(), 2880, 960, 69, 100, "く")});
+  writeProject(d, home.path() / "song.nsproj");
+  const auto r = test::runMelvo({"render", (home.path() / "song.nsproj").string(), "--engine",
+                                 (home.path() / "engine").string(), "--json"},
+                                {"LANGUAGE=ja", "MELVO_STANDIN_REFUSE_LYRIC=く"});
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_TRUE(has(r.err, "2小節目3拍：NEUTRINO がこの音「く」で止まりました")) << r.err;
+  const Json out = Json::parse(r.out);
+  const Json* stopped = out.find("engineStoppedOn");
+  ASSERT_TRUE(stopped && stopped->size() == 1u) << r.out;
+  EXPECT_EQ(stopped->asArray()[0].find("note")->asString(), d.tracks[0].notes[2].id.toString());
+}
+
 TEST(RenderCommand, TheFolderIsCheckedFirstAndAWorkingOneElsewhereIsOffered) {
   test::TempHome home;
   exampleSongSungByAlto(home.path());

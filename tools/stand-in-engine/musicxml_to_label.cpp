@@ -2,6 +2,7 @@
 // engine's complaints about lyrics and notes it cannot sing.
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -82,6 +83,10 @@ int main(int argc, char** argv) {
       fail("Error: note pitch " + std::to_string(n.pitch) + " is out of range in measure " +
            std::to_string(measure));
     const std::string& lyric = n.lyric;
+    // Tests make the engine stop on a lyric that Melvo passes, to follow the log back.
+    static const char* refused = std::getenv("MELVO_STANDIN_REFUSE_LYRIC");
+    if (refused && lyric == refused)
+      fail("Undefined lyric `" + lyric + "` in measure " + std::to_string(measure));
     const KanaReading reading = readKana(lyric);
     std::vector<std::string> phonemes;
     if (reading.onlyChouon) {

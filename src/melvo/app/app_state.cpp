@@ -124,8 +124,10 @@ AppState::~AppState() {
 
 void AppState::start() {
   log::write("AppState", substitute("Melvo %@", {MELVO_VERSION}));
-  // The settings as this run found them are on disk from the start, defaults included, so
-  // the user (and a second process) can read what is in force.
+  // The initial check: a bundled engine set up, the engine folder's voices scanned. Then the
+  // settings as this run found them are on disk, defaults included, so the user (and a second
+  // process) can read what is in force.
+  setUpEngineFolder();
   saveConfig();
   autoSave_.startTimer();
   setShowHome(true);

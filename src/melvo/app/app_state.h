@@ -19,6 +19,7 @@
 #include "melvo/app/preferences.h"
 #include "melvo/editing/observable.h"
 #include "melvo/editing/piano_roll_view_model.h"
+#include "melvo/model/validation_issue.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/uuid.h"
 #include "melvo/synthesis/diagnosis.h"
@@ -105,6 +106,8 @@ class AppState : public Observable {
     std::string message;                 // what the log ended with
     std::optional<Diagnosis> diagnosis;  // a failure the log explains
     std::vector<int> renderedTracks;
+    // After a failure: the notes the engine's log names, as rows that jump to them.
+    std::vector<ValidationIssue> engineRows;
   };
 
   static constexpr std::size_t kRecentLimit = 25;
@@ -299,6 +302,8 @@ class AppState : public Observable {
                         std::uint64_t swapSeq,
                         const std::optional<std::vector<float>>& curveAtStart);
   void endSynthesis(SynthesisOutcome outcome);
+  std::vector<ValidationIssue> engineLogRows(
+      const RenderStart& start, const std::vector<std::pair<int, std::string>>& rendered);
   struct StartCheck;
   struct FolderRun;
   void startCheckDone(const StartCheck* check, MixdownKind kind,

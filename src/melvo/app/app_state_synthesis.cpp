@@ -247,10 +247,9 @@ std::optional<std::string> AppState::beginSynthesis(MixdownKind kind) {
   // its bars one further than ours.
   std::vector<PianoRollViewModel::BarMapping> mapping;
   const NoteList& first = doc.tracks[static_cast<std::size_t>(tracks.front())].notes;
-  if (std::any_of(first.begin(), first.end(), [](const NoteEvent& n) { return n.tick == 0; })) {
+  // The log says so only when the engine's own output does (see engineLogRows).
+  if (std::any_of(first.begin(), first.end(), [](const NoteEvent& n) { return n.tick == 0; }))
     mapping.push_back({2, 1});
-    appendSynthesisLog(SynthesisGate::restBarLine(2, 1));
-  }
   pianoRollVM_.setLastSynthesisLogMapping(mapping);
   pianoRollVM_.setLastSynthesisExport(doc);
   pianoRollVM_.takeSynthSnapshot();
@@ -427,6 +426,49 @@ void AppState::endSynthesis(SynthesisOutcome outcome) {
   });
 }
 
+// The engine names the bar (and lyric or pitch) it stopped on; each such place becomes a row
+// on the note of the track that failed, the first planned track that rendered nothing. The
+// rest-bar line is written from what the engine said, not from a guess before the run.
+std::vector<ValidationIssue> AppState::engineLogRows(
+    const RenderStart& start, const std::vector<std::pair<int, std::string>>& rendered) {
+  const SynthesisGate::LogReading reading = SynthesisGate::parseLog(_synthesisLog);
+  std::optional<int> failed;
+  for (int t : start.tracks)
+    if (std::none_of(rendered.begin(), rendered.end(),
+                     [t](const auto& r) { return r.first == t; })) {
+      failed = t;
+      break;
+    }
+  std::vector<ValidationIssue> rows;
+  if (!failed) return rows;
+  const MusicDocument& doc = start.document;
+  const BarRuler ruler = doc.barRuler();
+  for (const auto& hit : reading.hits) {
+    if (reading.restAdded)
+      appendSynthesisLog(SynthesisGate::restBarLine(
+          hit.measure, SynthesisGate::melvoBar(hit.measure, reading.restAdded)));
+    const std::optional<Uuid> id =
+        SynthesisGate::noteForLogHit(doc, *failed, hit, reading.restAdded);
+    if (!id) continue;
+    const NoteList& notes = doc.tracks[static_cast<std::size_t>(*failed)].notes;
+    const auto it =
+        std::find_if(notes.begin(), notes.end(), [&](const NoteEvent& n) { return n.id == *id; });
+    if (it == notes.end()) continue;
+    ValidationIssue row;
+    row.id = Uuid::random();
+    row.category = ValidationIssue::Category::invalidLyricChars;
+    row.severity = ValidationIssue::Severity::error;
+    row.tick = it->tick;
+    row.trackIndex = *failed;
+    row.noteID = *id;
+    row.message = trf("%@：NEUTRINO がこの音「%@」で止まりました",
+                      {ruler.positionText(it->tick), visibleLyric(it->lyric)});
+    appendSynthesisLog("⚠ " + row.message);
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
 void AppState::synthesisFinished(const RenderStart& start, bool success,
                                  std::optional<std::string> mix,
                                  std::vector<std::pair<int, std::string>> rendered, float scale) {
@@ -441,6 +483,7 @@ void AppState::synthesisFinished(const RenderStart& start, bool success,
     return;
   }
   if (!success || !mix || !fs::exists(*mix, ec)) {
+    outcome.engineRows = engineLogRows(start, rendered);
     outcome.message =
         start.tracks.size() > 1
             ? tr("マルチトラック合成に失敗しました。メニュー「ミックスダウン」→「合成の記録"
