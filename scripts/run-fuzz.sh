@@ -30,7 +30,7 @@ for bin in "${bins[@]}"; do
     tail -n 40 "build/fuzz/$name.log" >&2
     failed=1
   else
-    grep -E '^stat::number_of_executed_runs' "build/fuzz/$name.log" || true
+    grep -E '^stat::(number_of_executed_units|new_units_added)' "build/fuzz/$name.log" || true
   fi
 done
 exit $failed
