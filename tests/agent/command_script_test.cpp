@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "agent/agent_client.h"
@@ -23,6 +24,10 @@ class RunningProgram {
   RunningProgram() : app(loop), port(app, loop, paths::socketPath()) {
     port.start();
     main = std::thread([this] { loop.run(); });
+    // A stop() that came before run() would be lost: wait until the queue turns.
+    std::promise<void> running;
+    loop.post([&] { running.set_value(); });
+    running.get_future().wait();
   }
   ~RunningProgram() {
     loop.stop();
@@ -37,7 +42,7 @@ class RunningProgram {
 };
 
 std::filesystem::path scriptsDir() {
-  return std::filesystem::path(__FILE__).parent_path() / "scripts";
+  return std::filesystem::path(MELVO_TEST_DATA_DIR).parent_path() / "agent" / "scripts";
 }
 
 void runScript(const std::filesystem::path& script) {
@@ -46,6 +51,7 @@ void runScript(const std::filesystem::path& script) {
   test::AgentClient client(paths::socketPath());
   ASSERT_TRUE(client.connected());
   std::ifstream in(script);
+  ASSERT_TRUE(in) << script;
   std::string line, answer, sent;
   int number = 0;
   while (std::getline(in, line)) {

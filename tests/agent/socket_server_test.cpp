@@ -3,14 +3,17 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <random>
 #include <thread>
 
 #include "agent/agent_client.h"
 #include "melvo/agent/mcp_command_layer.h"
+#include "melvo/agent/mcp_line_buffer.h"
 #include "melvo/agent/mcp_memory_host.h"
 #include "melvo/agent/mcp_socket_server.h"
 #include "support/test_support.h"

@@ -2,6 +2,7 @@
 // first and commits once at the end, so a refused command leaves the song untouched.
 #include <algorithm>
 #include <cmath>
+#include <unordered_set>
 
 #include "melvo/agent/mcp_args.h"
 #include "melvo/platform/i18n.h"
@@ -152,11 +153,10 @@ McpJSON notesRemove(Context& c) {
   const auto indices = c.args.indices(before.size(), McpCommandLayer::kEditLimit);
   if (indices.empty()) refuse(tr("indices は整数の配列で渡してください"));
   const auto order = sortedOrder(before);
-  std::vector<bool> gone(before.size(), false);
-  for (std::size_t i : indices) gone[order[i]] = true;
+  std::unordered_set<Uuid> gone;
+  for (std::size_t i : indices) gone.insert(before[order[i]].id);
   NoteList notes = before;
-  std::size_t pos = 0;
-  notes.removeIf([&](const NoteEvent&) { return gone[pos++]; });
+  notes.removeIf([&](const NoteEvent& n) { return gone.count(n.id) != 0; });
   return commitTrack(c, t, std::move(notes), N_("AI：音符を消す"), indices.size());
 }
 
