@@ -1,6 +1,7 @@
 // The commands as an agent meets them: each file of scripts/ is a conversation with the port
 // of a running program (AppState behind a real socket). "> " lines are sent; the next "< "
-// line is the exact answer, "<~ " a part of it. Every script starts from a new empty song.
+// line is the exact answer, "<~ " a part of it. Every script starts from a new empty song in
+// a new home; "$HOME" stands for that folder, "$JHOME" for it as an answer writes it.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -58,6 +59,12 @@ void runScript(const std::filesystem::path& script) {
     ++number;
     const std::string where = script.filename().string() + ":" + std::to_string(number);
     // Placeholders for what only the running test knows.
+    std::string escaped;  // as the answers write it, "/" as "\/"
+    for (char ch : program.home.path().string())
+      escaped += ch == '/' ? std::string("\\/") : std::string(1, ch);
+    for (std::string::size_type p; (p = line.find("$JHOME")) != std::string::npos;) {
+      line.replace(p, 6, escaped);
+    }
     for (std::string::size_type p; (p = line.find("$HOME")) != std::string::npos;) {
       line.replace(p, 5, program.home.path().string());
     }

@@ -58,7 +58,8 @@ TEST(McpJsonTest, AnswersAreOneSortedLine) {
   EXPECT_EQ(encodeResponse(McpResponse::failure(std::nullopt, McpError::Code::notFound, "no")),
             R"({"error":{"code":"notFound","message":"no"},"ok":false})");
   // No JSON form for these: null rather than a broken line.
-  EXPECT_EQ(encodeLine(McpJSON::Array{McpJSON(std::nan("")), McpJSON(HUGE_VAL), McpJSON(0.5)}), "[null,null,0.5]");
+  EXPECT_EQ(encodeLine(McpJSON::Array{McpJSON(std::nan("")), McpJSON(HUGE_VAL), McpJSON(0.5)}),
+            "[null,null,0.5]");
   // Shortest text that reads back to the same double.
   for (double d : {0.1, 1.0 / 3.0, 123456.789, -2.5e-7, 5e-324}) {
     EXPECT_EQ(McpJSON::parse(encodeLine(McpJSON(d))).asDouble(), d);

@@ -53,6 +53,14 @@ McpHost makeAppHost(AppState& app) {
   h.commit = [&vm](const std::string& label, const McpHost::Change& change) {
     vm.commit(label, change);
   };
+  h.timing = [&vm]() -> std::optional<McpTiming> {
+    if (!vm.phonemes()) return std::nullopt;
+    return McpTiming{*vm.phonemes(), vm.f0DisplayOffsetSec()};
+  };
+  h.commitTiming = [&vm](const std::string& label, PhonemeList phonemes) {
+    vm.pushTimingUndo(label);
+    vm.setPhonemes(std::move(phonemes));
+  };
   h.issues = [&app, &vm] {
     const MusicDocument& d = vm.document();
     std::vector<Uuid> sung;

@@ -5,8 +5,13 @@
 #include <map>
 
 #include "melvo/agent/mcp_args.h"
+#include "melvo/interchange/export_choice.h"
+#include "melvo/interchange/midi_file_writer.h"
+#include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/model/project_file.h"
+#include "melvo/platform/atomic_file.h"
 #include "melvo/platform/i18n.h"
+#include "melvo/platform/text.h"
 
 namespace melvo {
 
@@ -188,6 +193,44 @@ McpJSON selectionJSON(Context& c) {
                          {"track", t}};
 }
 
+McpJSON timingRead(Context& c) {
+  const auto timing = c.host.timing();
+  if (!timing) {
+    refuse(tr("音素の境目がありません。先に曲を歌わせてください（境目は合成の後に出来ます）"),
+           Code::notFound);
+  }
+  const auto range = c.args.range();
+  const auto offset = static_cast<std::size_t>(
+      c.args.optInteger("offset", 0, std::numeric_limits<std::int32_t>::max()).value_or(0));
+  const auto limit =
+      static_cast<std::size_t>(c.args.optInteger("limit", 1, McpCommandLayer::kPageLimit)
+                                   .value_or(McpCommandLayer::kPageDefault));
+  // A tick range in the render's clock: the song's seconds plus the render's lead.
+  double from = 0, to = 0;
+  if (range) {
+    from = doc(c).seconds(range->first) + timing->offsetSec;
+    to = doc(c).seconds(range->second) + timing->offsetSec;
+  }
+  const auto& all = timing->phonemes.phonemes;
+  McpJSON list = McpJSON::array();
+  std::size_t matched = 0;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const Phoneme& p = all[i];
+    if (range && !(p.startSec() < to && p.endSec() > from)) continue;
+    if (matched++ < offset || list.size() >= limit) continue;
+    list.push(McpJSON::Object{
+        {"endSec", p.endSec()}, {"index", i}, {"name", p.symbol}, {"startSec", p.startSec()}});
+  }
+  McpJSON r = McpJSON::object();
+  r["total"] = matched;
+  r["offset"] = offset;
+  r["offsetSec"] = timing->offsetSec;
+  const std::size_t shown = list.size();
+  r["phonemes"] = std::move(list);
+  if (offset + shown < matched) r["nextOffset"] = offset + shown;
+  return r;
+}
+
 McpJSON selectionRead(Context& c) {
   return selectionJSON(c);
 }
@@ -204,6 +247,7 @@ McpJSON notesMarks(Context& c);
 McpJSON notesVelocity(Context& c);
 McpJSON trackMix(Context& c);
 McpJSON issuesApply(Context& c);
+McpJSON timingMove(Context& c);
 McpJSON undoRedo(Context& c, bool redo);
 }  // namespace mcp
 
@@ -309,6 +353,71 @@ McpJSON documentSave(Context& c) {
     refuse(tr("保存できませんでした：") + *failure, Code::ioError);
   }
   return McpJSON::Object{{"path", *path}, {"saved", true}};
+}
+
+McpJSON exportFile(Context& c, bool musicXML) {
+  const MusicDocument& d = doc(c);
+  auto path = c.args.optString("path");
+  if (path && !absolute(*path)) refuse(tr("path は、/ で始まるファイルの道で渡してください"));
+  if (!path) {
+    // Beside the song's own file, named after its title.
+    auto own = c.host.documentPath ? c.host.documentPath() : std::nullopt;
+    if (!own) refuse(tr("path を渡してください（今の曲にファイルがありません）"));
+    std::string name = suggestedMusicXMLFileName(d);
+    if (!musicXML) name = name.substr(0, name.rfind('.')) + ".mid";
+    path = (std::filesystem::path(*own).parent_path() / name).string();
+  }
+  const std::string ext = text::asciiLower(std::filesystem::path(*path).extension().string());
+  if (musicXML && ext != ".musicxml") refuse(tr("MusicXML で書き出せるのは .musicxml だけです"));
+  if (!musicXML && ext != ".mid") refuse(tr("MIDI で書き出せるのは .mid だけです"));
+  const auto folder = std::filesystem::path(*path).parent_path();
+  std::error_code ec;
+  if (!std::filesystem::is_directory(folder, ec)) {
+    refuse(tr("保存先のフォルダがありません：") + folder.string(), Code::notFound);
+  }
+  McpJSON r = McpJSON::object();
+  try {
+    if (musicXML) {
+      // The engine sings the parts of one score one after another: one track is written.
+      const std::optional<int> current =
+          c.host.currentTrack ? std::optional(c.host.currentTrack()) : std::nullopt;
+      int track = 0;
+      std::string said;
+      int noted = 0;
+      for (const auto& t : d.tracks) noted += t.notes.empty() ? 0 : 1;
+      if (auto sung = d.preferredSungTrack(current)) {
+        track = *sung;
+        if (noted > 1) {
+          said =
+              trf("歌わせるトラック「%@」だけを書き出しました（NEUTRINO "
+                  "は複数のパートを続けて歌うため）",
+                  {d.tracks[track].name});
+        }
+      } else if (auto muted = d.fallbackTrackWhenAllMuted(current)) {
+        track = *muted;
+        said = trf("全部のトラックが消音のため、トラック「%@」だけを書き出しました",
+                   {d.tracks[track].name});
+      }
+      writeFileAtomically(*path, MusicXMLExporter::render(d.singleTrackCopy(track)));
+      r["track"] = track;
+      r["trackName"] = d.tracks[track].name;
+      if (!said.empty()) r["message"] = said;
+    } else {
+      writeFileAtomically(*path, MIDIFileWriter::data(d));
+      r["tracks"] = d.tracks.size();
+    }
+  } catch (const std::exception& e) {
+    refuse(std::string(tr("書き出せませんでした：")) + e.what(), Code::ioError);
+  }
+  r["path"] = *path;
+  return r;
+}
+
+McpJSON exportMusicXML(Context& c) {
+  return exportFile(c, true);
+}
+McpJSON exportMIDI(Context& c) {
+  return exportFile(c, false);
 }
 
 // ---- The table ----
@@ -442,6 +551,24 @@ const std::vector<Entry>& table() {
        true,
        hostHas<&McpHost::commit>,
        N_("この口では曲を直せません")},
+      {{"timing.read",
+        K::read,
+        {"fromTick", "toTick", "offset", "limit"},
+        "Phoneme boundaries of the last render (index, name, startSec, endSec), paged."},
+       timingRead,
+       true,
+       hostHas<&McpHost::timing>,
+       N_("この口では音素の境目を直せません")},
+      {{"timing.move",
+        K::edit,
+        {"edits"},
+        "Move phoneme starts: edits [{index, startSec}], each between the previous phoneme's start "
+        "and this one's end.",
+        {"edits"}},
+       mcp::timingMove,
+       true,
+       hostHas<&McpHost::commitTiming>,
+       N_("この口では音素の境目を直せません")},
       {{"issues.list",
         K::read,
         {"offset", "limit"},
@@ -459,6 +586,20 @@ const std::vector<Entry>& table() {
        true,
        hostHas<&McpHost::applySuggestion>,
        N_("この口では問題を直せません")},
+      {{"export.musicxml",
+        K::file,
+        {"path"},
+        "Write the sung track as MusicXML for the engine (.musicxml; beside the song's file when "
+        "path is absent)."},
+       exportMusicXML,
+       true,
+       always,
+       nullptr},
+      {{"export.midi", K::file, {"path"}, "Write the song as a MIDI file (.mid, every track)."},
+       exportMIDI,
+       true,
+       always,
+       nullptr},
       {{"track.select", K::state, {"track"}, "Make a track the current one.", {"track"}},
        trackSelect,
        true,

@@ -373,6 +373,51 @@ McpJSON issuesApply(Context& c) {
                          {"undoLabel", changed ? McpJSON(tr("AI：問題を直す")) : McpJSON()}};
 }
 
+McpJSON timingMove(Context& c) {
+  auto timing = c.host.timing ? c.host.timing() : std::nullopt;
+  if (!timing) {
+    refuse(tr("音素の境目がありません。先に曲を歌わせてください（境目は合成の後に出来ます）"),
+           Code::notFound);
+  }
+  const auto& edits = editsArray(c, N_("edits に {index, startSec} を1つ以上渡してください"),
+                                 N_("1回で動かせるのは %@ か所までです"));
+  static const char* shape = N_("edits の1つは {index: 整数, startSec: 数} で渡してください");
+  auto& ph = timing->phonemes.phonemes;
+  std::size_t changed = 0;
+  for (const auto& e : edits) {
+    if (!e.isObject() || !e.find("startSec") || !e.find("index")) refuse(tr(shape));
+    checkFields(e, {"index", "startSec"});
+    const auto i = static_cast<std::size_t>(
+        integerValue(*e.find("index"), "index", 0, std::numeric_limits<std::int32_t>::max()));
+    if (i >= ph.size()) {
+      refuse(trf("index %@ はありません（音素は %@ 個です）",
+                 {std::to_string(i), std::to_string(ph.size())}),
+             Code::notFound);
+    }
+    if (i == 0) refuse(tr("0 番の音素の頭は動かせません（前の音素がありません）"));
+    const McpJSON& sec = *e.find("startSec");
+    // Held to the label files' resolution, 1/10,000,000 s.
+    const double value = sec.isNumber() ? sec.asDouble() : -1;
+    const std::int64_t ns = std::isfinite(value) ? std::llround(value * 1e7) : -1;
+    if (!sec.isNumber() || ns <= ph[i - 1].startNS || ns >= ph[i].endNS) {
+      refuse(
+          trf("index %@ の startSec は %@ 秒より後・%@ "
+              "秒より前で渡してください（前の音素の頭とこの音素の尻の間）",
+              {std::to_string(i), McpJSON(ph[i - 1].startSec()).dump(),
+               McpJSON(ph[i].endSec()).dump()}));
+    }
+    if (ph[i].startNS != ns) {
+      ph[i].startNS = ns;
+      ph[i - 1].endNS = ns;
+      ++changed;
+    }
+  }
+  const char* label = N_("AI：音素の境目を動かす");
+  if (changed) c.host.commitTiming(tr(label), std::move(timing->phonemes));
+  return McpJSON::Object{{"changedBoundaries", changed},
+                         {"undoLabel", changed ? McpJSON(tr(label)) : McpJSON()}};
+}
+
 McpJSON undoRedo(Context& c, bool redo) {
   const char* key = redo ? "redo" : "undo";
   const auto label = c.args.optString("label");

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "melvo/editing/phoneme_list.h"
 #include "melvo/model/music_document.h"
 #include "melvo/model/validation_issue.h"
 
@@ -27,6 +28,12 @@ struct McpHistory {
   std::vector<std::string> redo;  // newest first
 };
 
+// The phoneme timing of the last render, and how far its clock runs ahead of the song's.
+struct McpTiming {
+  PhonemeList phonemes;
+  double offsetSec = 0;
+};
+
 struct McpHost {
   using Change = std::function<void(MusicDocument&)>;
 
@@ -41,6 +48,9 @@ struct McpHost {
   std::function<std::optional<std::string>(const std::string& path)> save;
   // One undo step named `label`.
   std::function<void(const std::string& label, const Change& change)> commit;
+  std::function<std::optional<McpTiming>()> timing;
+  // One undo step of the timing (not of the song).
+  std::function<void(const std::string& label, PhonemeList phonemes)> commitTiming;
   std::function<std::vector<ValidationIssue>()> issues;
   // One undo step; false when it changed nothing.
   std::function<bool(const std::string& label, const ValidationIssue& row,

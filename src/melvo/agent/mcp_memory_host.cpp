@@ -14,6 +14,14 @@ McpHost McpMemoryHost::host() {
     change(document_);
     dirty_ = true;
   };
+  h.timing = [this]() -> std::optional<McpTiming> {
+    if (!timing_) return std::nullopt;
+    return McpTiming{*timing_, 0.0};
+  };
+  h.commitTiming = [this](const std::string& label, PhonemeList phonemes) {
+    timingUndo_.emplace_back(label, *timing_);
+    timing_ = std::move(phonemes);
+  };
   h.issues = [this] {
     std::vector<Uuid> sung;
     for (int i : document_.voicedTrackIndices(false)) sung.push_back(document_.tracks[i].id);

@@ -19,6 +19,8 @@ class McpMemoryHost {
   McpHost host();
 
   const MusicDocument& document() const { return document_; }
+  // A render's timing, as if one had run.
+  void setTiming(PhonemeList phonemes) { timing_ = std::move(phonemes); }
 
  private:
   MusicDocument document_;
@@ -26,6 +28,8 @@ class McpMemoryHost {
   McpSelection selection_;
   int currentTrack_ = 0;
   bool dirty_ = false;
+  std::optional<PhonemeList> timing_;
+  std::vector<std::pair<std::string, PhonemeList>> timingUndo_;
 };
 
 }  // namespace melvo
