@@ -16,6 +16,7 @@
 #include "melvo/agent/mcp_line_buffer.h"
 #include "melvo/agent/mcp_memory_host.h"
 #include "melvo/agent/mcp_socket_server.h"
+#include "melvo/platform/i18n.h"
 #include "support/test_support.h"
 
 namespace melvo {
@@ -26,6 +27,7 @@ using test::TempDir;
 
 class SocketServerTest : public ::testing::Test {
  protected:
+  void SetUp() override { i18n::setLanguage("en"); }
   std::filesystem::path socket() const { return dir.path() / "melvo" / "mcp.sock"; }
 
   // A server whose handler runs the command layer over a song in memory.

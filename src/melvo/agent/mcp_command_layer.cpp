@@ -696,6 +696,10 @@ McpResponse McpCommandLayer::handle(const McpRequest& request) {
     return McpResponse::success(request.id, it->run(c));
   } catch (const ArgError& e) {
     return McpResponse::failure(request.id, e.code, e.message);
+  } catch (const std::exception& e) {
+    // No fault of a command may end the connection: it is an answer like any other.
+    return McpResponse::failure(request.id, Code::ioError,
+                                trf("命令の途中で失敗しました：%@", {e.what()}));
   }
 }
 

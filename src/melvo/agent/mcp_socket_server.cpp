@@ -120,7 +120,13 @@ struct McpSocketServer::Impl {
     outgoing.clear();
     for (auto& item : items) {
       if (auto* line = std::get_if<McpLineBuffer::Line>(&item)) {
-        outgoing += (*handler)(line->text);
+        try {
+          outgoing += (*handler)(line->text);
+        } catch (const std::exception& e) {
+          outgoing +=
+              encodeResponse(McpResponse::failure(std::nullopt, McpError::Code::ioError,
+                                                  trf("命令の途中で失敗しました：%@", {e.what()})));
+        }
       } else if (std::holds_alternative<McpLineBuffer::TooLong>(item)) {
         outgoing += tooLongAnswer();
       } else {
