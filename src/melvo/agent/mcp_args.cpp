@@ -139,7 +139,7 @@ std::string lyricValue(const McpJSON& v, std::size_t index) {
     }
     // U+0080..U+009F, U+2028 and U+2029 break lines or control as well.
     const std::string& s = v.asString();
-    if (s.find("\xc2\x85") != std::string::npos || s.find("\xe2\x80\xa8") != std::string::npos ||
+    if (s.find("\xe2\x80\xa8") != std::string::npos ||
         s.find("\xe2\x80\xa9") != std::string::npos) {
       good = false;
     }

@@ -243,6 +243,7 @@ McpJSON lyricsSet(Context& c);
 McpJSON notesAdd(Context& c);
 McpJSON notesRemove(Context& c);
 McpJSON notesUpdate(Context& c);
+McpJSON notesTie(Context& c);
 McpJSON notesMarks(Context& c);
 McpJSON notesVelocity(Context& c);
 McpJSON trackMix(Context& c);
@@ -529,6 +530,16 @@ const std::vector<Entry>& table() {
         "Replace fields of notes: edits [{index, tick?, duration?, pitch?, lyric?, velocity?}].",
         {"track", "edits"}},
        mcp::notesUpdate,
+       true,
+       hostHas<&McpHost::commit>,
+       N_("この口では曲を直せません")},
+      {{"notes.tie",
+        K::edit,
+        {"track", "indices"},
+        "Join the notes at indices: neighbours of one pitch become one note, of another pitch are "
+        "slurred.",
+        {"track", "indices"}},
+       mcp::notesTie,
        true,
        hostHas<&McpHost::commit>,
        N_("この口では曲を直せません")},

@@ -2,9 +2,11 @@
 // first and commits once at the end, so a refused command leaves the song untouched.
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <unordered_set>
 
 #include "melvo/agent/mcp_args.h"
+#include "melvo/editing/piano_roll_view_model.h"
 #include "melvo/platform/i18n.h"
 
 namespace melvo::mcp {
@@ -158,6 +160,28 @@ McpJSON notesRemove(Context& c) {
   NoteList notes = before;
   notes.removeIf([&](const NoteEvent& n) { return gone.count(n.id) != 0; });
   return commitTrack(c, t, std::move(notes), N_("AI：音符を消す"), indices.size());
+}
+
+// The editor's own merge over the chosen notes: neighbours of one pitch become one note
+// (lyrics joined), a neighbour of another pitch is slurred to the next.
+McpJSON notesTie(Context& c) {
+  const MusicDocument& d = doc(c);
+  const int t = c.args.track(d);
+  const NoteList& before = d.tracks[t].notes;
+  const auto indices = c.args.indices(before.size(), McpCommandLayer::kEditLimit);
+  if (indices.size() < 2) refuse(tr("indices に結ぶ音符を2つ以上渡してください"));
+  const auto order = sortedOrder(before);
+  std::set<Uuid> chosen;
+  for (std::size_t i : indices) chosen.insert(before[order[i]].id);
+  PianoRollViewModel trial(d);
+  trial.setCurrentTrackIndex(t);
+  trial.setSelectedNoteIDs(chosen);
+  if (!trial.mergeNotes()) return McpJSON::Object{{"changed", 0}, {"undoLabel", McpJSON()}};
+  NoteList notes = trial.document().tracks[t].notes;
+  const std::size_t changed = before.size() - notes.size();
+  const char* label = N_("AI：音符を結ぶ");
+  c.host.commit(tr(label), [&](MusicDocument& doc) { doc.tracks[t].notes = std::move(notes); });
+  return McpJSON::Object{{"joined", changed}, {"undoLabel", tr(label)}};
 }
 
 McpJSON notesUpdate(Context& c) {
