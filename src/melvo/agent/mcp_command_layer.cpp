@@ -241,6 +241,7 @@ McpJSON selectionRead(Context& c) {
 namespace mcp {
 McpJSON lyricsSet(Context& c);
 McpJSON notesAdd(Context& c);
+McpJSON lyricsNormalize(Context& c);
 McpJSON notesRemove(Context& c);
 McpJSON notesUpdate(Context& c);
 McpJSON notesTie(Context& c);
@@ -503,6 +504,16 @@ const std::vector<Entry>& table() {
         "Set lyrics: edits [{index, lyric}].",
         {"track", "edits"}},
        mcp::lyricsSet,
+       true,
+       hostHas<&McpHost::commit>,
+       N_("この口では曲を直せません")},
+      {{"lyrics.normalize",
+        K::edit,
+        {"track", "mode", "dryRun"},
+        "Lyrics of a track to hiragana (mode \"hiragana\") or without UTAU marks (\"stripUtau\"); "
+        "dryRun lists the changes only.",
+        {"track", "mode"}},
+       mcp::lyricsNormalize,
        true,
        hostHas<&McpHost::commit>,
        N_("この口では曲を直せません")},

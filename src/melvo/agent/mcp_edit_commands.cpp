@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "melvo/agent/mcp_args.h"
+#include "melvo/checking/lyric_rules.h"
 #include "melvo/editing/piano_roll_view_model.h"
 #include "melvo/platform/i18n.h"
 
@@ -90,6 +91,54 @@ McpJSON lyricsSet(Context& c) {
     }
   }
   return commitTrack(c, t, std::move(notes), N_("AI：歌詞を直す"), changed);
+}
+
+// Katakana to hiragana, or UTAU's marks away, over a track. Lyrics written as phonemes are
+// the user's exact spelling and are never touched.
+McpJSON lyricsNormalize(Context& c) {
+  const MusicDocument& d = doc(c);
+  const int t = c.args.track(d);
+  const auto mode = c.args.optString("mode");
+  const bool hiragana = mode && *mode == "hiragana";
+  if (!hiragana && !(mode && *mode == "stripUtau")) {
+    refuse(tr("mode は \"hiragana\" か \"stripUtau\" で渡してください"));
+  }
+  const bool dryRun = c.args.optBool("dryRun").value_or(false);
+  NoteList notes = d.tracks[t].notes;
+  const auto order = sortedOrder(notes);
+  McpJSON changes = McpJSON::array();
+  std::size_t changed = 0, skipped = 0;
+  constexpr std::size_t kShown = 200;
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    const NoteEvent& n = notes[order[i]];
+    if (n.lyric.empty()) continue;
+    if (n.phonemesEqualLyric()) {
+      ++skipped;
+      continue;
+    }
+    std::optional<std::string> after;
+    if (hiragana) {
+      if (hasKana(n.lyric)) after = foldedToHiragana(n.lyric);
+    } else if (classifyLyricChars(n.lyric) == LyricClass::utauMark) {
+      after = withoutUtauMarks(n.lyric);  // nothing singable left: left for the user to decide
+    }
+    if (!after || *after == n.lyric) continue;
+    if (changed++ < kShown) {
+      changes.push(McpJSON::Object{{"after", *after}, {"before", n.lyric}, {"index", i}});
+    }
+    notes.mutableAt(order[i]).lyric = std::move(*after);
+  }
+  const char* label = hiragana ? N_("AI：歌詞をひらがなへ") : N_("AI：UTAU の印を外す");
+  const bool commit = !dryRun && changed > 0;
+  if (commit) {
+    c.host.commit(tr(label), [&](MusicDocument& doc) { doc.tracks[t].notes = std::move(notes); });
+  }
+  return McpJSON::Object{{"changed", changed},
+                         {"changes", std::move(changes)},
+                         {"changesTruncated", changed > kShown},
+                         {"dryRun", dryRun},
+                         {"skippedPhonemeLyrics", skipped},
+                         {"undoLabel", commit ? McpJSON(tr(label)) : McpJSON()}};
 }
 
 McpJSON notesAdd(Context& c) {
