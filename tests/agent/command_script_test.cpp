@@ -90,7 +90,7 @@ TEST_P(CommandScript, AnswersAsWritten) {
 INSTANTIATE_TEST_SUITE_P(Scripts, CommandScript,
                          ::testing::Values("frame.txt", "read.txt", "notes.txt", "lyrics.txt",
                                            "velocity_mix.txt", "undo.txt", "issues.txt",
-                                           "files.txt", "selection.txt"),
+                                           "files.txt", "selection.txt", "sing.txt"),
                          [](const auto& info) {
                            std::string n = info.param.substr(0, info.param.find('.'));
                            return n;

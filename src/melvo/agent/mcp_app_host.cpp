@@ -82,6 +82,51 @@ McpHost makeAppHost(AppState& app) {
     vm.withUndoGroup(label, [&] { commitSuggestion(vm, row, s); });
     return true;
   };
+  // What the agent polls: the last render this port started, followed through its end.
+  struct SingState {
+    bool started = false;
+    bool running = false;
+    std::optional<AppState::SynthesisOutcome> outcome;
+  };
+  auto state = std::make_shared<SingState>();
+  // Installed once, ahead of whatever the front end had there.
+  app.synthesisEnded = [state, before = app.synthesisEnded](const AppState::SynthesisOutcome& o) {
+    if (state->running) {
+      state->running = false;
+      state->outcome = o;
+    }
+    if (before) before(o);
+  };
+  h.sing = [&app, state](McpSingScope scope) -> std::optional<std::string> {
+    static const MixdownKind kinds[] = {MixdownKind::allTracks, MixdownKind::selectedTrack,
+                                        MixdownKind::rangeAllTracks,
+                                        MixdownKind::rangeSelectedTrack};
+    state->running = true;  // before the start: a refusal or a quick end must be seen
+    state->outcome.reset();
+    if (auto refusal = app.startSynthesis(kinds[static_cast<int>(scope)])) {
+      state->running = false;
+      return refusal;
+    }
+    state->started = true;
+    return std::nullopt;
+  };
+  h.singStatus = [&app, state]() -> McpJSON {
+    McpJSON r = McpJSON::object();
+    r["state"] = !state->started                             ? "none"
+                 : state->running                            ? "running"
+                 : state->outcome && state->outcome->success ? "done"
+                                                             : "failed";
+    if (state->running) {
+      r["percent"] = app.synthesisProgress();
+      r["stage"] = app.synthesisStage();
+      if (app.synthesisETA()) r["etaSec"] = *app.synthesisETA();
+    }
+    if (state->outcome) {
+      r["message"] = state->outcome->message;
+      if (state->outcome->wavPath) r["wavPath"] = *state->outcome->wavPath;
+    }
+    return r;
+  };
   h.currentTrack = [&vm] { return vm.currentTrackIndex(); };
   h.selectTrack = [&vm](int t) {
     if (t < 0 || t >= static_cast<int>(vm.document().tracks.size())) return false;

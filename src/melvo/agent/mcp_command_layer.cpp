@@ -5,6 +5,7 @@
 #include <map>
 
 #include "melvo/agent/mcp_args.h"
+#include "melvo/checking/synthesis_gate.h"
 #include "melvo/interchange/export_choice.h"
 #include "melvo/interchange/midi_file_writer.h"
 #include "melvo/interchange/musicxml_exporter.h"
@@ -422,6 +423,64 @@ McpJSON exportMIDI(Context& c) {
   return exportFile(c, false);
 }
 
+// ---- Singing ----
+
+McpJSON singStart(Context& c) {
+  const MusicDocument& d = doc(c);
+  const auto scopeName = c.args.optString("scope").value_or("all");
+  static const std::pair<const char*, McpSingScope> kScopes[] = {
+      {"all", McpSingScope::all},
+      {"track", McpSingScope::track},
+      {"range", McpSingScope::range},
+      {"rangeTrack", McpSingScope::rangeTrack}};
+  std::optional<McpSingScope> scope;
+  for (const auto& [name, value] : kScopes) {
+    if (scopeName == name) scope = value;
+  }
+  if (scopeName == "file") refuse(tr("ファイルからの合成は AI からは始められません"));
+  if (!scope)
+    refuse(trf("scope は %@ のどれかで渡してください", {"all・track・range・rangeTrack"}));
+  if (c.host.isSynthesizing && c.host.isSynthesizing()) {
+    refuse(tr("現在合成中です。完了をお待ちください。"), Code::notAvailable);
+  }
+  const bool ranged = *scope == McpSingScope::range || *scope == McpSingScope::rangeTrack;
+  const auto range = c.args.range();
+  if (range && !ranged)
+    refuse(tr("fromTick・toTick は scope が range か rangeTrack の時だけ渡せます"));
+  if (range) {
+    McpSelection s = c.host.selection ? c.host.selection() : McpSelection{};
+    s.loopStart = range->first;
+    s.loopEnd = range->second;
+    s.loopEnabled = true;
+    if (c.host.setSelection) c.host.setSelection(s);
+  }
+  // The gate first: a song it refuses starts nothing, and the agent is told where to look.
+  const bool oneTrack = *scope == McpSingScope::track || *scope == McpSingScope::rangeTrack;
+  const int current = c.host.currentTrack ? c.host.currentTrack() : 0;
+  std::vector<Uuid> sung;
+  if (oneTrack && current >= 0 && current < static_cast<int>(d.tracks.size())) {
+    sung.push_back(d.tracks[current].id);
+  } else {
+    for (int i : d.voicedTrackIndices(false)) sung.push_back(d.tracks[i].id);
+  }
+  const auto problems =
+      SynthesisGate::problems(d, sung, oneTrack ? std::optional(current) : std::nullopt);
+  if (SynthesisGate::blocks(problems)) {
+    refuse(trf("NEUTRINO が歌えない所が %@ 個あります（合成の前の関所）。issues.list "
+               "で見て直してください",
+               {std::to_string(problems.size())}),
+           Code::synthesisRefused);
+  }
+  if (auto refusal = c.host.sing(*scope)) {
+    refuse(std::string(tr("合成を始められませんでした")) + "：" + *refusal, Code::synthesisRefused);
+  }
+  return McpJSON::Object{{"scope", scopeName}, {"started", true}};
+}
+
+McpJSON singStatus(Context& c) {
+  return c.host.singStatus();
+}
+
 // ---- The table ----
 
 struct Entry {
@@ -636,6 +695,20 @@ const std::vector<Entry>& table() {
        true,
        hostHas<&McpHost::commit>,
        N_("この口では曲を直せません")},
+      {{"sing.start",
+        K::state,
+        {"scope", "fromTick", "toTick"},
+        "Start a render: scope all (default), track, range or rangeTrack (the loop range, or "
+        "fromTick/toTick). Returns at once; poll sing_status."},
+       singStart,
+       true,
+       hostHas<&McpHost::sing>,
+       N_("この口では歌わせられません")},
+      {{"sing.status", K::read, {}, "State of the last render started through this port."},
+       singStatus,
+       false,
+       hostHas<&McpHost::singStatus>,
+       N_("この口では歌わせられません")},
       {{"history.read", K::read, {}, "Undo and redo labels, newest first."},
        historyRead,
        true,

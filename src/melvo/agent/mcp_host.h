@@ -13,6 +13,7 @@
 #include "melvo/editing/phoneme_list.h"
 #include "melvo/model/music_document.h"
 #include "melvo/model/validation_issue.h"
+#include "melvo/platform/json.h"
 
 namespace melvo {
 
@@ -33,6 +34,8 @@ struct McpTiming {
   PhonemeList phonemes;
   double offsetSec = 0;
 };
+
+enum class McpSingScope { all, track, range, rangeTrack };
 
 struct McpHost {
   using Change = std::function<void(MusicDocument&)>;
@@ -56,6 +59,10 @@ struct McpHost {
   std::function<bool(const std::string& label, const ValidationIssue& row,
                      const ValidationIssue::Suggestion& suggestion)>
       applySuggestion;
+  // Starts a render of `scope` (a range scope over the loop range); a refusal is its words.
+  std::function<std::optional<std::string>(McpSingScope scope)> sing;
+  // The state of the last render started through this port.
+  std::function<Json()> singStatus;
   std::function<int()> currentTrack;
   std::function<bool(int track)> selectTrack;
   std::function<bool()> isSynthesizing;
