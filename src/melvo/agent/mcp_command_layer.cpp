@@ -472,7 +472,7 @@ McpJSON singStart(Context& c) {
            Code::synthesisRefused);
   }
   if (auto refusal = c.host.sing(*scope)) {
-    refuse(std::string(tr("合成を始められませんでした")) + "：" + *refusal, Code::synthesisRefused);
+    refuse(trf("合成を始められませんでした：%@", {*refusal}), Code::synthesisRefused);
   }
   return McpJSON::Object{{"scope", scopeName}, {"started", true}};
 }
