@@ -48,10 +48,16 @@ bool holdsLyricLine(std::string_view s) {
   return s.find("Lyric=") != std::string_view::npos;
 }
 
-// Lyric scalars that fit the script of a song: the tie-break among the legacy Chinese and
-// Korean sets, which accept much the same bytes but not as the same text.
-long plausibility(std::string_view s) {
+// How well the lyrics fit the script of a song: the Japanese and the legacy Chinese and
+// Korean sets accept much the same bytes, but not as the same text. `clean` when no lyric
+// holds a scalar that no song would (half-width kana, symbols, rare ideographs).
+struct Fit {
   long score = 0;
+  bool clean = true;
+};
+
+Fit plausibility(std::string_view s) {
+  Fit fit;
   std::size_t pos = 0;
   while ((pos = s.find("Lyric=", pos)) != std::string_view::npos) {
     pos += 6;
@@ -61,18 +67,20 @@ long plausibility(std::string_view s) {
     std::size_t i = 0;
     while (i < lyric.size()) {
       const char32_t c = text::nextScalar(lyric, i);
-      if (c < 0x80 || inKanaRange(c) || (c >= 0xAC00 && c <= 0xD7A3)) {
-        score += 1;
+      if (c < 0x80 || inKanaRange(c) || (c >= 0xAC00 && c <= 0xD7A3) ||
+          (c >= 0x4E00 && c < 0x8C00) || c == U'強' || c == U'弱' || c == U'息' || c == U'吸' ||
+          c == U'↑' || c == U'↓') {
+        fit.score += 1;
       } else if (c >= 0x4E00 && c <= 0x9FFF) {
         // Common ideographs lie low in the block; a wrong decoding scatters over all of it.
-        score += c < 0x8C00 ? 1 : 0;
       } else {
-        score -= 2;
+        fit.score -= 2;
+        fit.clean = false;
       }
     }
     pos = end;
   }
-  return score;
+  return fit;
 }
 
 // Every byte sequence becomes text; what the set does not define becomes U+FFFD.
@@ -105,12 +113,20 @@ Decoded decodeUst(std::string_view bytes) {
     if (holdsLyricLine(bytes)) return {std::string(bytes), std::nullopt};
     firstReadable = std::string(bytes);
   }
+  std::optional<Decoded> best;
+  long bestScore = 0;
   if (auto s = charset::decodeShiftJIS(bytes)) {
-    if (holdsLyricLine(*s)) return {std::move(*s), std::nullopt};
-    if (!firstReadable) firstReadable = std::move(s);
+    if (holdsLyricLine(*s)) {
+      const Fit fit = plausibility(*s);
+      if (fit.clean) return {std::move(*s), std::nullopt};
+      best = Decoded{std::move(*s), std::nullopt};
+      bestScore = fit.score;
+    } else if (!firstReadable) {
+      firstReadable = std::move(s);
+    }
   }
   // A file cut inside its last character: the Japanese sets with that character unread.
-  if (bytes.size() > 1) {
+  if (!best && !firstReadable) {
     for (std::size_t cut = 1; cut <= 3 && cut < bytes.size(); ++cut) {
       std::string_view head = bytes.substr(0, bytes.size() - cut);
       std::optional<std::string> s;
@@ -125,12 +141,10 @@ Decoded decodeUst(std::string_view bytes) {
       }
     }
   }
-  std::optional<Decoded> best;
-  long bestScore = 0;
   for (const char* name : {"GB18030", "Big5", "EUC-KR"}) {
     auto s = charset::decode(bytes, name);
     if (!s || !holdsLyricLine(*s)) continue;
-    const long score = plausibility(*s);
+    const long score = plausibility(*s).score;
     if (!best || score > bestScore) {
       best = Decoded{std::move(*s), std::string(name)};
       bestScore = score;
@@ -195,6 +209,7 @@ bool isSettingSection(std::string_view name) {
 
 struct Sections {
   std::vector<USTParser::RawNote> notes;
+  bool closed = false;  // a section after the last note, as every writer ends the file
   std::optional<std::string> tempo;
   std::string projectName;
 };
@@ -216,11 +231,13 @@ Sections readSections(std::string_view text) {
         if (out.notes.size() >= kNoteLimit)
           throw ImportError(kTooManyNotesKey, trf(kTooManyNotesKey, {std::to_string(kNoteLimit)}));
         out.notes.emplace_back();
+        out.closed = false;
         note = &out.notes.back();
         in = In::note;
       } else {
         in = isSettingSection(name) ? In::setting : In::other;
         note = nullptr;
+        out.closed = !out.notes.empty();
       }
       continue;
     }
@@ -346,16 +363,17 @@ void readTempoField(Builder& b, const USTParser::RawNote& raw) {
                        "Tempo=" + *value);
 }
 
-void readNote(Builder& b, USTParser::RawNote& raw, const USTParser::RawNote* next) {
+void readNote(Builder& b, USTParser::RawNote& raw, const USTParser::RawNote* next, bool cutShort) {
   readTempoField(b, raw);
   const std::string* lyricField = raw.field("Lyric");
   const std::string* lengthField = raw.field("Length");
   raw.lyric = lyricField ? std::string(text::trimWhitespace(*lyricField)) : std::string();
   raw.lengthShown = lengthField ? *lengthField : std::string();
-  // A section without a lyric or a length is one cut short (or hand-edited past reading).
-  if (!lyricField || !lengthField) {
-    b.findings.dropped.push_back(
-        {std::nullopt, b.cursor, placeText(raw.lyric, lengthField ? "Lyric" : "Length", "")});
+  // A section without a lyric or a length is one cut short (or hand-edited past reading); so
+  // is the last one of a file that ends inside it, before its pitch.
+  if (!lyricField || !lengthField || (cutShort && !raw.field("NoteNum"))) {
+    const char* missing = !lengthField ? "Length" : !lyricField ? "Lyric" : "NoteNum";
+    b.findings.dropped.push_back({std::nullopt, b.cursor, placeText(raw.lyric, missing, "")});
     return;
   }
   switch (readCount(raw.lengthShown, raw.length)) {
@@ -528,8 +546,8 @@ MusicDocument USTParser::parseBytes(std::string_view bytes, std::string title) {
   b.document.tempoMap = {TempoEvent{0, b.tempo}};
   b.notes.reserve(sections.notes.size());
   for (std::size_t i = 0; i < sections.notes.size(); ++i)
-    readNote(b, sections.notes[i],
-             i + 1 < sections.notes.size() ? &sections.notes[i + 1] : nullptr);
+    readNote(b, sections.notes[i], i + 1 < sections.notes.size() ? &sections.notes[i + 1] : nullptr,
+             !sections.closed && i + 1 == sections.notes.size());
 
   if (b.notes.empty() && b.findings.dropped.empty() && b.findings.beyondTick.empty())
     throw ParseError(ParseError::Case::noNotes);
