@@ -231,6 +231,7 @@ Sections readSections(std::string_view text) {
         if (out.notes.size() >= kNoteLimit)
           throw ImportError(kTooManyNotesKey, trf(kTooManyNotesKey, {std::to_string(kNoteLimit)}));
         out.notes.emplace_back();
+        out.notes.back().fields.reserve(16);
         out.closed = false;
         note = &out.notes.back();
         in = In::note;
@@ -249,7 +250,7 @@ Sections readSections(std::string_view text) {
       if (key == "Tempo") out.tempo = std::string(value);
       if (key == "ProjectName") out.projectName = std::string(text::trimWhitespace(value));
     } else if (in == In::note && note) {
-      note->fields.emplace_back(std::string(key), std::string(value));
+      note->fields.emplace_back(key, value);
     }
   }
   return out;
@@ -346,7 +347,7 @@ std::string placeText(std::string_view lyric, std::string_view key, std::string_
 }
 
 void readTempoField(Builder& b, const USTParser::RawNote& raw) {
-  const std::string* value = raw.field("Tempo");
+  const std::string_view* value = raw.field("Tempo");
   if (!value) return;
   if (auto bpm = readTempo(*value)) {
     if (*bpm == b.tempo) return;
@@ -360,13 +361,13 @@ void readTempoField(Builder& b, const USTParser::RawNote& raw) {
     return;
   }
   b.document.addNotice(notice_kinds::utauTempoReplaced, std::nullopt, std::nullopt, b.cursor,
-                       "Tempo=" + *value);
+                       "Tempo=" + std::string(*value));
 }
 
 void readNote(Builder& b, USTParser::RawNote& raw, const USTParser::RawNote* next, bool cutShort) {
   readTempoField(b, raw);
-  const std::string* lyricField = raw.field("Lyric");
-  const std::string* lengthField = raw.field("Length");
+  const std::string_view* lyricField = raw.field("Lyric");
+  const std::string_view* lengthField = raw.field("Length");
   raw.lyric = lyricField ? std::string(text::trimWhitespace(*lyricField)) : std::string();
   raw.lengthShown = lengthField ? *lengthField : std::string();
   // A section without a lyric or a length is one cut short (or hand-edited past reading); so
@@ -406,14 +407,18 @@ void readNote(Builder& b, USTParser::RawNote& raw, const USTParser::RawNote* nex
   const bool broken = lyric.find("\xEF\xBF\xBD") != std::string::npos;
   // Everything that leaves the time as a rest.
   if (isRestLyric(lyric)) return tooLong(std::nullopt);
-  if (auto bare = withoutUtauMarks(lyric); !bare || isRestLyric(*bare))
-    return tooLong(std::nullopt);
+  // Plain kana, nearly every note, has no marks, is no breath and no link: spare it the rules.
+  const bool plainKana = isPlainKana(lyric);
+  if (!plainKana) {
+    if (auto bare = withoutUtauMarks(lyric); !bare || isRestLyric(*bare))
+      return tooLong(std::nullopt);
+  }
 
   b.cursor = tick;  // the previous note is judged as it ends here
   NoteEvent* previous = b.adjacentPrevious();
   b.cursor = tick + raw.length;
 
-  if (isBreathMark(lyric)) {
+  if (!plainKana && isBreathMark(lyric)) {
     if (previous) previous->hasBreathAfter = true;
     b.findings.utauBreath.push_back({std::nullopt, tick, shown});
     return tooLong(std::nullopt);
@@ -443,7 +448,7 @@ void readNote(Builder& b, USTParser::RawNote& raw, const USTParser::RawNote* nex
     }
   }
   std::optional<int> pitch;
-  if (const std::string* nn = raw.field("NoteNum")) pitch = readPitch(*nn);
+  if (const std::string_view* nn = raw.field("NoteNum")) pitch = readPitch(*nn);
   if (!pitch) raw.pitchShown = raw.field("NoteNum") ? *raw.field("NoteNum") : std::string();
   raw.noteNum = pitch.value_or(b.lastPitch);
 
@@ -513,7 +518,7 @@ USTParser::ParseError::ParseError(Case c)
                   tr(c == Case::decodingFailed ? kDecodingFailed : kNoNotes)),
       case_(c) {}
 
-const std::string* USTParser::RawNote::field(std::string_view key) const {
+const std::string_view* USTParser::RawNote::field(std::string_view key) const {
   // Later keys win, as a hand-edited file that repeats a key means the last one.
   for (auto it = fields.rbegin(); it != fields.rend(); ++it)
     if (it->first == key) return &it->second;

@@ -34,12 +34,13 @@ class USTParser {
     std::string lyric;
     std::int64_t length = 0;
     int noteNum = 60;
-    std::vector<std::pair<std::string, std::string>> fields;  // every key, in file order
+    // Every key, in file order; views into the decoded text, which outlives the read.
+    std::vector<std::pair<std::string_view, std::string_view>> fields;
     std::string lengthShown;
     bool lengthTooLong = false;
     std::optional<std::string> pitchShown;  // set when the pitch was replaced
 
-    const std::string* field(std::string_view key) const;
+    const std::string_view* field(std::string_view key) const;
   };
 
   // Throws ParseError, the note-limit ImportError or FileError.
