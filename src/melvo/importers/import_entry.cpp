@@ -1,5 +1,6 @@
 #include "melvo/importers/import_entry.h"
 
+#include "melvo/importers/ust_parser.h"
 #include "melvo/importers/zip_import.h"
 #include "melvo/interchange/musicxml_unfolder.h"
 #include "melvo/interchange/score_decoder.h"
@@ -23,7 +24,6 @@ std::string lowerExtension(const std::filesystem::path& path) {
 // MusicXML, which is what any other extension is taken for.
 const char* foreignFormat(const std::string& ext) {
   if (ext == "mid" || ext == "midi" || ext == "kar" || ext == "smf") return "MIDI";
-  if (ext == "ust") return "UST";
   if (ext == "svp") return "SVP";
   if (ext == "vsqx") return "VSQX";
   if (ext == "vpr") return "VPR";
@@ -56,6 +56,7 @@ MusicDocument importDocument(const std::filesystem::path& path) {
     return importDocument(member.file());
   }
   if (ext == "nsproj") return readProject(path);
+  if (ext == "ust") return USTParser::parse(path);
   if (const char* format = foreignFormat(ext); *format) throw UnsupportedFormatError(format);
   // MusicXML: the raw passes run already, so that a file that is no score is refused as
   // such; the reader that turns the unfolded text into a song comes next.
