@@ -106,8 +106,7 @@ std::vector<pid_t> processesUnder(const fs::path& dir) {
   for (const auto& entry : fs::directory_iterator("/proc")) {
     const std::string name = entry.path().filename().string();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream in(entry.path() / "cmdline", std::ios::binary);
-    std::string cmdline((std::istreambuf_iterator<char>(in)), {});
+    const std::string cmdline = test::readProcFile(entry.path() / "cmdline");
     if (has(cmdline, needle)) out.push_back(std::stoi(name));
   }
   return out;

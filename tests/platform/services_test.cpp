@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <set>
 
@@ -55,6 +57,34 @@ TEST(UuidText, UpperCaseCanonicalAndStrictParse) {
   EXPECT_FALSE(Uuid::parse("G" + s.substr(1)));
   EXPECT_FALSE(Uuid::parse(s.substr(0, 8) + "X" + s.substr(9)));
   EXPECT_NE(Uuid::random(), Uuid::random());
+}
+
+// Ids come from a pool of the system's random bytes: a forked child must not hand out the ids
+// its parent is about to, and every id is version 4 of the RFC variant.
+TEST(UuidRandom, ForkedChildrenAndVersionBits) {
+  (void)Uuid::random();  // the pool is filled before the fork
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const std::string id = Uuid::random().toString();
+    (void)!::write(fds[1], id.data(), id.size());
+    ::_exit(0);
+  }
+  ::close(fds[1]);
+  char buf[36];
+  ASSERT_EQ(::read(fds[0], buf, sizeof buf), 36);
+  ::close(fds[0]);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_NE(std::string(buf, 36), Uuid::random().toString());
+  std::set<Uuid> seen;
+  for (int i = 0; i < 1000; ++i) {
+    const Uuid u = Uuid::random();
+    EXPECT_EQ(u.bytes()[6] >> 4, 4);
+    EXPECT_EQ(u.bytes()[8] >> 6, 2);
+    EXPECT_TRUE(seen.insert(u).second);
+  }
 }
 
 TEST(Paths, MelvoHomeHoldsEverything) {

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sndfile.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -29,14 +31,27 @@ fs::path standInEngine() {
   return fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "stand-in-engine";
 }
 
+std::string readProcFile(const fs::path& path) {
+  std::string out;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return out;
+  char buf[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n <= 0) break;
+    out.append(buf, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return out;
+}
+
 std::vector<pid_t> liveMembers(pid_t pgid) {
   std::vector<pid_t> out;
   for (const auto& entry : fs::directory_iterator("/proc")) {
     const std::string name = entry.path().filename().string();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream in(entry.path() / "stat");
-    std::string stat;
-    if (!std::getline(in, stat)) continue;
+    const std::string stat = readProcFile(entry.path() / "stat");
+    if (stat.empty()) continue;
     // pid (comm) state ppid pgrp ...; comm may hold blanks, so read after the last ')'.
     std::istringstream rest(stat.substr(stat.rfind(')') + 1));
     char state = 0;

@@ -22,6 +22,9 @@ bool pumpUntil(EventLoop& loop, const std::function<bool()>& done,
 std::filesystem::path standInEngine();
 
 // Live (not zombie) processes whose process group is `pgid`.
+// A file under /proc, read with plain system calls: the process may end while it is read, and
+// a stream would throw then. Empty when it is gone.
+std::string readProcFile(const std::filesystem::path& path);
 std::vector<pid_t> liveMembers(pid_t pgid);
 
 // Every sample of an audio file, channels interleaved; `channels` gets their count.

@@ -773,7 +773,8 @@ McpResponse McpCommandLayer::handle(const McpRequest& request) {
   }
   static const McpJSON::Object kNoArgs;
   const McpJSON::Object& args = request.args ? *request.args : kNoArgs;
-  for (const auto& [name, value] : args) {
+  for (const auto& arg : args) {
+    const std::string& name = arg.first;
     const auto& allowed = it->info.arguments;
     if (std::none_of(allowed.begin(), allowed.end(), [&](const char* a) { return name == a; })) {
       return McpResponse::failure(request.id, Code::badRequest, tr("知らない引数です：") + name);

@@ -1,6 +1,5 @@
 // The note editing operations of the editor model. Each is one commit: it decides first
 // whether anything would change, so that a click that does nothing leaves no undo step.
-#include <sys/random.h>
 
 #include <algorithm>
 #include <numeric>
@@ -59,36 +58,11 @@ std::pair<std::string, std::string> splitLyric(const std::string& lyric) {
   return {lyric, "ー"};
 }
 
-// Fresh random (version 4) ids for a paste. One id at a time costs the random library several
-// system calls; a paste of thousands of notes takes all of its bytes in one read.
+// Fresh random (version 4) ids for a paste.
 std::vector<Uuid> freshIDs(std::size_t count) {
   std::vector<Uuid> ids;
   ids.reserve(count);
-  std::vector<unsigned char> bytes(count * 16);
-  std::size_t got = 0;
-  while (got < bytes.size()) {
-    const ssize_t n = getrandom(bytes.data() + got, bytes.size() - got, 0);
-    if (n <= 0) break;
-    got += static_cast<std::size_t>(n);
-  }
-  if (got < bytes.size()) {
-    for (std::size_t i = 0; i < count; ++i) ids.push_back(Uuid::random());
-    return ids;
-  }
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  char text[36];
-  for (std::size_t i = 0; i < count; ++i) {
-    unsigned char* b = bytes.data() + i * 16;
-    b[6] = static_cast<unsigned char>((b[6] & 0x0F) | 0x40);
-    b[8] = static_cast<unsigned char>((b[8] & 0x3F) | 0x80);
-    std::size_t k = 0;
-    for (std::size_t j = 0; j < 16; ++j) {
-      if (j == 4 || j == 6 || j == 8 || j == 10) text[k++] = '-';
-      text[k++] = kHex[b[j] >> 4];
-      text[k++] = kHex[b[j] & 0x0F];
-    }
-    ids.push_back(*Uuid::parse(std::string_view(text, sizeof text)));
-  }
+  for (std::size_t i = 0; i < count; ++i) ids.push_back(Uuid::random());
   return ids;
 }
 
