@@ -1,6 +1,7 @@
 #include "melvo/importers/import_entry.h"
 
 #include "melvo/importers/zip_import.h"
+#include "melvo/interchange/midi_file_reader.h"
 #include "melvo/interchange/musicxml_unfolder.h"
 #include "melvo/interchange/score_decoder.h"
 #include "melvo/interchange/tempo_notices.h"
@@ -22,7 +23,6 @@ std::string lowerExtension(const std::filesystem::path& path) {
 // The format a file of this extension holds, for readers that do not exist yet; empty for
 // MusicXML, which is what any other extension is taken for.
 const char* foreignFormat(const std::string& ext) {
-  if (ext == "mid" || ext == "midi" || ext == "kar" || ext == "smf") return "MIDI";
   if (ext == "ust") return "UST";
   if (ext == "svp") return "SVP";
   if (ext == "vsqx") return "VSQX";
@@ -43,7 +43,7 @@ UnsupportedFormatError::UnsupportedFormatError(std::string format)
 
 const std::vector<std::string>& openableExtensions() {
   static const std::vector<std::string> extensions{
-      "nsproj", "musicxml", "xml",  "mxl", "mid",  "midi",  "kar", "smf",  "ust",
+      "nsproj", "musicxml", "xml",  "mxl", "mid",  "midi",  "kar", "smf",  "rmi", "ust",
       "ustx",   "svp",      "vsqx", "vpr", "ppsf", "tssln", "ccs", "ccst", "zip"};
   return extensions;
 }
@@ -56,6 +56,8 @@ MusicDocument importDocument(const std::filesystem::path& path) {
     return importDocument(member.file());
   }
   if (ext == "nsproj") return readProject(path);
+  if (ext == "mid" || ext == "midi" || ext == "kar" || ext == "smf" || ext == "rmi")
+    return MIDIFileParser::parse(path);
   if (const char* format = foreignFormat(ext); *format) throw UnsupportedFormatError(format);
   // MusicXML: the raw passes run already, so that a file that is no score is refused as
   // such; the reader that turns the unfolded text into a song comes next.
