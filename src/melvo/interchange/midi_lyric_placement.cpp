@@ -269,7 +269,8 @@ class Placer {
         continue;
       }
       // A note starting just after the lyric is pulled back to it.
-      if (at != notes.end() && at->tick - l.tick <= tol_ && at->lyric.empty()) {
+      if (at != notes.end() && at->tick - l.tick <= tol_ && at->lyric.empty() &&
+          lyricTicks.count(at->tick) == 0) {
         const std::int64_t old = at->tick;
         at->duration += old - l.tick;
         at->tick = l.tick;
