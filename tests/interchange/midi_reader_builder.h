@@ -41,7 +41,9 @@ struct TrackBytes {
     b += body;
     return *this;
   }
-  TrackBytes& lyric(std::uint32_t delta, const std::string& text) { return meta(delta, 0x05, text); }
+  TrackBytes& lyric(std::uint32_t delta, const std::string& text) {
+    return meta(delta, 0x05, text);
+  }
   TrackBytes& text(std::uint32_t delta, const std::string& t) { return meta(delta, 0x01, t); }
   // A note of `length` ticks starting `delta` after the previous event, with its lyric.
   TrackBytes& sung(std::uint32_t delta, int pitch, std::uint32_t length, const std::string& l) {

@@ -31,7 +31,9 @@ MIDIFileParser::Failure failureOf(const std::string& bytes) {
   return MIDIFileParser::Failure::noNotes;
 }
 
-std::string oneNote() { return test::midiFile({TrackBytes{}.sung(0, 60, 480, "あ")}); }
+std::string oneNote() {
+  return test::midiFile({TrackBytes{}.sung(0, 60, 480, "あ")});
+}
 
 TEST(MidiReaderFile, RefusesOnlyWhatHasNothingToRead) {
   using F = MIDIFileParser::Failure;
@@ -49,14 +51,18 @@ TEST(MidiReaderFile, RefusesOnlyWhatHasNothingToRead) {
   try {
     MIDIFileParser::parseBytes(test::header(0, 1, 480));
   } catch (const ImportError& e) {
-    EXPECT_STREQ(e.key(), "MIDI ファイルが途中で終わっていて、音を1つも読めませんでした。ファイルをダウンロードし直すか、元のソフトで書き出し直してから開いてください。");
+    EXPECT_STREQ(e.key(),
+                 "MIDI "
+                 "ファイルが途中で終わっていて、音を1つも読めませんでした。ファイルをダウンロードし"
+                 "直すか、元のソフトで書き出し直してから開いてください。");
   }
 }
 
 TEST(MidiReaderFile, RiffWrapperReadsLikeTheBareFile) {
   const std::string smf = oneNote() + "x";  // odd length: the wrapper pads it
-  std::string riff = "RIFF" + std::string(4, '\0') + "RMID" + "LIST" + std::string("\x02\0\0\0ab", 6) +
-                     "data" + std::string(1, char(smf.size())) + std::string(3, '\0') + smf + "\0";
+  std::string riff = "RIFF" + std::string(4, '\0') + "RMID" + "LIST" +
+                     std::string("\x02\0\0\0ab", 6) + "data" + std::string(1, char(smf.size())) +
+                     std::string(3, '\0') + smf + "\0";
   const MusicDocument a = MIDIFileParser::parseBytes(smf);
   const MusicDocument b = MIDIFileParser::parseBytes(riff);
   ASSERT_EQ(b.tracks.size(), 1u);
@@ -86,15 +92,20 @@ TEST(MidiReaderFile, DivisionZeroAndSmpteBecomeABeatGrid) {
 
 TEST(MidiReaderFile, NotesCloseOldestFirstAndOpenOnesAreFinished) {
   TrackBytes t;
-  t.on(0, 60).on(100, 60).off(100, 60).raw(100, {0x90, 60, 0})  // velocity 0 closes too
-      .on(0, 62, 1).on(480, 64, 1)                                 // 62 never closes
-      .on(0, 67, 2)                                                // 67 neither, alone on its channel
+  t.on(0, 60)
+      .on(100, 60)
+      .off(100, 60)
+      .raw(100, {0x90, 60, 0})  // velocity 0 closes too
+      .on(0, 62, 1)
+      .on(480, 64, 1)  // 62 never closes
+      .on(0, 67, 2)    // 67 neither, alone on its channel
       .off(240, 64, 1);
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
   std::map<int, std::vector<std::pair<std::int64_t, std::int64_t>>> byPitch;
   for (const auto& track : d.tracks)
     for (const NoteEvent& n : track.notes) byPitch[n.pitch].push_back({n.tick, n.duration});
-  EXPECT_EQ(byPitch[60], (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, 200}, {100, 200}}));
+  EXPECT_EQ(byPitch[60],
+            (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, 200}, {100, 200}}));
   EXPECT_EQ(byPitch[62], (std::vector<std::pair<std::int64_t, std::int64_t>>{{300, 480}}));
   EXPECT_EQ(byPitch[67], (std::vector<std::pair<std::int64_t, std::int64_t>>{{780, 240}}));
   const ImportNotice* missing = findNotice(d, "midiMissingNoteOff");
@@ -121,7 +132,8 @@ TEST(MidiReaderFile, RunningStatusAndATrackStartingWithData) {
 
 TEST(MidiReaderFile, TempoMeterKeyAndDefaults) {
   TrackBytes conductor;
-  conductor.meta(0, 0x51, std::string("\x09\x27\xC0", 3))  // 600000 us: 100 per minute
+  conductor
+      .meta(0, 0x51, std::string("\x09\x27\xC0", 3))  // 600000 us: 100 per minute
       .meta(0, 0x58, std::string("\x06\x03\x18\x08", 4))
       .meta(0, 0x59, std::string("\xFD\x00", 2))
       .meta(1920, 0x51, std::string("\x07\xA1\x20", 3));

@@ -60,8 +60,15 @@ TEST(MidiReaderPlacement, ALyricJustBeforeAnOnsetMovesTheHead) {
 
 TEST(MidiReaderPlacement, ASecondLyricInOneNoteOverflowsWithItsText) {
   TrackBytes t;
-  t.lyric(0, "さ").on(0, 60).lyric(200, "く").off(760, 60).lyric(0, "ら").on(0, 62).lyric(400, "ん")
-      .off(50, 62).sung(0, 64, 480, "ぽ");
+  t.lyric(0, "さ")
+      .on(0, 60)
+      .lyric(200, "く")
+      .off(760, 60)
+      .lyric(0, "ら")
+      .on(0, 62)
+      .lyric(400, "ん")
+      .off(50, 62)
+      .sung(0, 64, 480, "ぽ");
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
   EXPECT_EQ(lyricsOf(d.tracks[0]), "さ ら ぽ ");
   const ImportNotice* over = findNotice(d, "midiLyricOverflow");
@@ -112,8 +119,16 @@ TEST(MidiReaderPlacement, ChordWithOneLyricStaysTogether) {
 
 TEST(MidiReaderPlacement, SingingChannelIsSplitFromTheOthersOrKeptWhenUndecided) {
   TrackBytes t;  // format 0: voice on channel 0, a held chord on channel 1
-  t.lyric(0, "は").on(0, 60).on(0, 48, 1).on(0, 52, 1).off(480, 60).lyric(0, "る").on(0, 62)
-      .off(480, 62).off(0, 48, 1).off(0, 52, 1);
+  t.lyric(0, "は")
+      .on(0, 60)
+      .on(0, 48, 1)
+      .on(0, 52, 1)
+      .off(480, 60)
+      .lyric(0, "る")
+      .on(0, 62)
+      .off(480, 62)
+      .off(0, 48, 1)
+      .off(0, 52, 1);
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
   ASSERT_EQ(d.tracks.size(), 2u);
   EXPECT_EQ(lyricsOf(d.tracks[0]), "は る ");
@@ -121,8 +136,16 @@ TEST(MidiReaderPlacement, SingingChannelIsSplitFromTheOthersOrKeptWhenUndecided)
 
   // Both channels meet the lyric alike: kept on one track, slipped onsets merged.
   TrackBytes u;  // each channel has one lyric on its onset and one 20 ticks off
-  u.lyric(0, "ね").on(0, 60).on(20, 55, 1).off(440, 60).lyric(20, "こ").off(0, 55, 1).on(0, 55, 1)
-      .on(20, 62).off(460, 62).off(0, 55, 1);
+  u.lyric(0, "ね")
+      .on(0, 60)
+      .on(20, 55, 1)
+      .off(440, 60)
+      .lyric(20, "こ")
+      .off(0, 55, 1)
+      .on(0, 55, 1)
+      .on(20, 62)
+      .off(460, 62)
+      .off(0, 55, 1);
   const MusicDocument e = MIDIFileParser::parseBytes(test::midiFile({u}));
   ASSERT_EQ(e.tracks.size(), 1u);
   ASSERT_NE(findNotice(e, "midiChannelsUndecided"), nullptr);
@@ -135,10 +158,15 @@ TEST(MidiReaderPlacement, SingingChannelIsSplitFromTheOthersOrKeptWhenUndecided)
 TEST(MidiReaderPlacement, MelismaGapsArpeggiosAndSecondMelodies) {
   TrackBytes t;
   t.sung(0, 60, 480, "あ")
-      .on(0, 62).off(480, 62)            // right after a sung note: a melisma
-      .sung(30, 64, 480, "い")           // 30 ticks after: a gap closed
+      .on(0, 62)
+      .off(480, 62)             // right after a sung note: a melisma
+      .sung(30, 64, 480, "い")  // 30 ticks after: a gap closed
       .sung(0, 65, 480, "う")
-      .lyric(0, "え").on(0, 67).on(240, 71).off(240, 67).off(0, 71);  // arpeggio under "え"
+      .lyric(0, "え")
+      .on(0, 67)
+      .on(240, 71)
+      .off(240, 67)
+      .off(0, 71);  // arpeggio under "え"
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
   ASSERT_GE(d.tracks.size(), 2u);
   EXPECT_EQ(lyricsOf(d.tracks[0]), "あ ー い う え ");

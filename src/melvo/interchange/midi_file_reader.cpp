@@ -24,23 +24,37 @@ using midi::RawTrack;
 const char* failureKey(MIDIFileParser::Failure f) {
   switch (f) {
     case MIDIFileParser::Failure::invalidHeader:
-      return N_("MIDI ファイルとして読めません（ファイルの頭が MIDI の形になっていません）。ファイルが壊れているか、別の形式かもしれません。元のソフトで MIDI（.mid）として書き出し直してから開いてください。");
+      return N_(
+          "MIDI ファイルとして読めません（ファイルの頭が MIDI "
+          "の形になっていません）。ファイルが壊れているか、別の形式かもしれません。元のソフトで "
+          "MIDI（.mid）として書き出し直してから開いてください。");
     case MIDIFileParser::Failure::unsupportedFormat:
-      return N_("形式2の MIDI（曲の中にパターンを並べる形）には対応していません。元のソフトで形式0か形式1の MIDI として書き出し直してから開いてください。");
+      return N_(
+          "形式2の "
+          "MIDI（曲の中にパターンを並べる形）には対応していません。元のソフトで形式0か形式1の MIDI "
+          "として書き出し直してから開いてください。");
     case MIDIFileParser::Failure::unexpectedEOF:
-      return N_("MIDI ファイルが途中で終わっていて、音を1つも読めませんでした。ファイルをダウンロードし直すか、元のソフトで書き出し直してから開いてください。");
+      return N_(
+          "MIDI "
+          "ファイルが途中で終わっていて、音を1つも読めませんでした。ファイルをダウンロードし直すか"
+          "、元のソフトで書き出し直してから開いてください。");
     case MIDIFileParser::Failure::noNotes:
       break;
   }
-  return N_("この MIDI ファイルには音符がありません。ファイルが壊れているか、別の形式かもしれません。元のソフトで音符の入った MIDI を書き出し直してから開いてください。");
+  return N_(
+      "この MIDI "
+      "ファイルには音符がありません。ファイルが壊れているか、別の形式かもしれません。元のソフトで音"
+      "符の入った MIDI を書き出し直してから開いてください。");
 }
 
 std::uint32_t be32(std::string_view b, std::size_t at) {
-  return (std::uint32_t(std::uint8_t(b[at])) << 24) | (std::uint32_t(std::uint8_t(b[at + 1])) << 16) |
+  return (std::uint32_t(std::uint8_t(b[at])) << 24) |
+         (std::uint32_t(std::uint8_t(b[at + 1])) << 16) |
          (std::uint32_t(std::uint8_t(b[at + 2])) << 8) | std::uint32_t(std::uint8_t(b[at + 3]));
 }
 std::uint32_t le32(std::string_view b, std::size_t at) {
-  return (std::uint32_t(std::uint8_t(b[at + 3])) << 24) | (std::uint32_t(std::uint8_t(b[at + 2])) << 16) |
+  return (std::uint32_t(std::uint8_t(b[at + 3])) << 24) |
+         (std::uint32_t(std::uint8_t(b[at + 2])) << 16) |
          (std::uint32_t(std::uint8_t(b[at + 1])) << 8) | std::uint32_t(std::uint8_t(b[at]));
 }
 int be16(std::string_view b, std::size_t at) {
@@ -80,7 +94,12 @@ class TrackReader {
  public:
   TrackReader(std::string_view data, const TimeBase& time, MusicDocument& doc, int& damage,
               std::size_t& noteCount, int& seq, std::vector<PendingNotice>& pending)
-      : d_(data), time_(time), doc_(doc), damage_(damage), noteCount_(noteCount), seq_(seq),
+      : d_(data),
+        time_(time),
+        doc_(doc),
+        damage_(damage),
+        noteCount_(noteCount),
+        seq_(seq),
         pending_(pending) {}
 
   RawTrack read(int index, std::size_t chunkOffset) {
@@ -105,7 +124,7 @@ class TrackReader {
         if (running == 0) {
           ++damage_;
           log::write("MIDIFileParser", "⚠ running status が未確立のトラックを切り上げ (pos=" +
-                                            std::to_string(chunkOffset + pos) + ")");
+                                           std::to_string(chunkOffset + pos) + ")");
           break;
         }
         status = running;
@@ -232,8 +251,8 @@ class TrackReader {
         break;
       case 0x51:
         if (body.size() >= 3 && !time_.smpte) {
-          const int us = (std::uint8_t(body[0]) << 16) | (std::uint8_t(body[1]) << 8) |
-                         std::uint8_t(body[2]);
+          const int us =
+              (std::uint8_t(body[0]) << 16) | (std::uint8_t(body[1]) << 8) | std::uint8_t(body[2]);
           if (us > 0) doc_.tempoMap.push_back({tick, 60000000.0 / us});
         }
         break;
@@ -275,8 +294,8 @@ class TrackReader {
       else
         end = n.tick + doc_.ppq;
       n.duration = std::clamp<std::int64_t>(end - n.tick, 1, maxTick);
-      pending_.push_back({&notice_kinds::midiMissingNoteOff, std::nullopt, n.id, n.tick,
-                          std::nullopt, 1, {}});
+      pending_.push_back(
+          {&notice_kinds::midiMissingNoteOff, std::nullopt, n.id, n.tick, std::nullopt, 1, {}});
     }
   }
 
@@ -289,8 +308,10 @@ class TrackReader {
   std::vector<PendingNotice>& pending_;
   std::unordered_map<int, std::deque<std::size_t>> open_;
   std::unordered_map<int, std::int64_t> lastOnset_;
-  int rpnMsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127};
-  int rpnLsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127, 127};
+  int rpnMsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127,
+                     127, 127, 127, 127, 127, 127, 127, 127};
+  int rpnLsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127,
+                     127, 127, 127, 127, 127, 127, 127, 127};
   int rangeSemis_[16] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2};
   int rangeCents_[16] = {};
 };
@@ -300,7 +321,9 @@ bool isAscii(std::string_view s) {
 }
 
 std::string trimmed(std::string s) {
-  const auto notSpace = [](unsigned char c) { return c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != 0; };
+  const auto notSpace = [](unsigned char c) {
+    return c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != 0;
+  };
   s.erase(s.begin(), std::find_if(s.begin(), s.end(), notSpace));
   s.erase(std::find_if(s.rbegin(), s.rend(), notSpace).base(), s.end());
   return s;
@@ -342,17 +365,23 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
     for (const auto& e : t.lyricBytes) {
       auto text = decode(e.bytes, garbled);
       if (!text) {
-        pending.push_back({&notice_kinds::midiLyricUnreadable, std::nullopt, std::nullopt, e.tick,
-                           std::nullopt, 1, {}});
+        pending.push_back({&notice_kinds::midiLyricUnreadable,
+                           std::nullopt,
+                           std::nullopt,
+                           e.tick,
+                           std::nullopt,
+                           1,
+                           {}});
         continue;
       }
       if (garbled)
-        pending.push_back({&notice_kinds::midiLyricGarbled, std::nullopt, std::nullopt, e.tick,
-                           *text, 1, {}});
+        pending.push_back(
+            {&notice_kinds::midiLyricGarbled, std::nullopt, std::nullopt, e.tick, *text, 1, {}});
       t.lyrics.push_back({e.tick, std::move(*text), e.seq});
     }
     for (const auto& e : t.textBytes) {
-      if (auto text = decode(e.bytes, garbled)) t.texts.push_back({e.tick, std::move(*text), e.seq});
+      if (auto text = decode(e.bytes, garbled))
+        t.texts.push_back({e.tick, std::move(*text), e.seq});
     }
     t.karaokeTag = !t.texts.empty() && t.texts.front().text.starts_with("@");
     t.lyricBytes.clear();
@@ -366,10 +395,13 @@ MIDIFileParser::ParseError::ParseError(Failure failure)
     : ImportError(failureKey(failure), tr(failureKey(failure))), failure_(failure) {}
 
 MIDIFileParser::TooManyNotes::TooManyNotes()
-    : ImportError(
-          N_("このファイルは音の数が多すぎるため（%d 音を越えています）、開きませんでした。元のソフトで曲をいくつかに分けて書き出してから開いてください。"),
-          trf("このファイルは音の数が多すぎるため（%d 音を越えています）、開きませんでした。元のソフトで曲をいくつかに分けて書き出してから開いてください。",
-              {std::to_string(kNoteLimit)})) {}
+    : ImportError(N_("このファイルは音の数が多すぎるため（%d "
+                     "音を越えています）、開きませんでした。元のソフトで曲をいくつかに分けて書き出"
+                     "してから開いてください。"),
+                  trf("このファイルは音の数が多すぎるため（%d "
+                      "音を越えています）、開きませんでした。元のソフトで曲をいくつかに分けて書き出"
+                      "してから開いてください。",
+                      {std::to_string(kNoteLimit)})) {}
 
 MusicDocument MIDIFileParser::parse(const std::filesystem::path& path) {
   MusicDocument document = parseBytes(readFile(path));
@@ -404,7 +436,8 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
     time.ticksPerSecond = rate * double(perFrame);
     if (!(time.ticksPerSecond > 0)) time.ticksPerSecond = 1;
     doc.ppq = 480;
-    pending.push_back({&notice_kinds::smpteMIDI, std::nullopt, std::nullopt, 0, std::nullopt, 1, {}});
+    pending.push_back(
+        {&notice_kinds::smpteMIDI, std::nullopt, std::nullopt, 0, std::nullopt, 1, {}});
   } else if (division == 0) {
     doc.ppq = 480;
     pending.push_back(
@@ -437,11 +470,11 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
   }
   if (pos < data.size() && chunks == 0) ++damage;
 
-  if (noteCount == 0) throw ParseError(damage > 0 || tracks.empty() ? Failure::unexpectedEOF
-                                                                     : Failure::noNotes);
+  if (noteCount == 0)
+    throw ParseError(damage > 0 || tracks.empty() ? Failure::unexpectedEOF : Failure::noNotes);
   if (damage > 0)
-    pending.push_back({&notice_kinds::midiFileDamaged, std::nullopt, std::nullopt, 0, std::nullopt,
-                       damage, {}});
+    pending.push_back(
+        {&notice_kinds::midiFileDamaged, std::nullopt, std::nullopt, 0, std::nullopt, damage, {}});
 
   if (time.smpte) doc.tempoMap.clear();
   if (doc.tempoMap.empty()) doc.tempoMap.push_back(TempoEvent{});

@@ -62,8 +62,13 @@ class Placer {
  private:
   void note(const ImportNoticeKind& kind, int track, const NoteEvent* n, std::int64_t tick,
             std::optional<std::string> text = std::nullopt, int count = 1) {
-    pending_.push_back({&kind, track, n ? std::optional<Uuid>(n->id) : std::nullopt, tick,
-                        std::move(text), count, {}});
+    pending_.push_back({&kind,
+                        track,
+                        n ? std::optional<Uuid>(n->id) : std::nullopt,
+                        tick,
+                        std::move(text),
+                        count,
+                        {}});
   }
 
   // Karaoke files keep their syllables as text events with "@" headers and "/" or "\" line
@@ -217,8 +222,9 @@ class Placer {
               [&](std::size_t a, std::size_t b) { return w.notes[a].tick < w.notes[b].tick; });
     std::vector<TextEvent> kept;
     for (const TextEvent& l : w.lyrics) {
-      auto lo = std::lower_bound(order.begin(), order.end(), l.tick - tol_,
-                                 [&](std::size_t i, std::int64_t t) { return w.notes[i].tick < t; });
+      auto lo =
+          std::lower_bound(order.begin(), order.end(), l.tick - tol_,
+                           [&](std::size_t i, std::int64_t t) { return w.notes[i].tick < t; });
       bool any = false;
       for (auto it = lo; it != order.end() && w.notes[*it].tick <= l.tick + tol_; ++it) {
         NoteEvent& n = w.notes[*it];
@@ -264,8 +270,8 @@ class Placer {
           free->lyric = l.text;
           continue;
         }
-        note(end - at > 1 ? nk::midiLyricOverflowInChord : nk::midiLyricOverflow, ti, &*at,
-             l.tick, l.text);
+        note(end - at > 1 ? nk::midiLyricOverflowInChord : nk::midiLyricOverflow, ti, &*at, l.tick,
+             l.text);
         continue;
       }
       // A note starting just after the lyric is pulled back to it.
@@ -434,7 +440,8 @@ class Placer {
       doc_.addNotice(*p.kind, track, p.noteID, p.tick, std::move(p.text), std::move(p.fixes),
                      p.count);
     }
-    for (std::int64_t t : karaokeTicks_) doc_.addNotice(nk::karaokeTextLyrics, std::nullopt, std::nullopt, t);
+    for (std::int64_t t : karaokeTicks_)
+      doc_.addNotice(nk::karaokeTextLyrics, std::nullopt, std::nullopt, t);
   }
 
   MusicDocument& doc_;
