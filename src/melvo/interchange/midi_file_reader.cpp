@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <deque>
+#include <random>
 #include <unordered_map>
 #include <vector>
 
@@ -89,12 +90,42 @@ struct TimeBase {
   }
 };
 
+// Note ids for a whole file: one system draw seeds a generator, since asking the system for
+// each of 200,000 notes costs more than all the rest of the reading.
+class IdSource {
+ public:
+  IdSource() {
+    const auto& seed = Uuid::random().bytes();
+    std::seed_seq seq(seed.begin(), seed.end());
+    gen_.seed(seq);
+  }
+  Uuid next() {
+    static const char* hex = "0123456789abcdef";
+    std::uint64_t a = gen_(), b = gen_();
+    a = (a & ~0xF000ull) | 0x4000ull;              // version 4
+    b = (b & ~(0xC0ull << 56)) | (0x80ull << 56);  // RFC 4122 variant
+    char text[37];
+    int k = 0;
+    for (int i = 0; i < 32; ++i) {
+      if (i == 8 || i == 12 || i == 16 || i == 20) text[k++] = '-';
+      const std::uint64_t word = i < 16 ? a : b;
+      text[k++] = hex[(word >> (4 * (15 - i % 16))) & 0xF];
+    }
+    text[36] = 0;
+    return *Uuid::parse(std::string_view(text, 36));
+  }
+
+ private:
+  std::mt19937_64 gen_;
+};
+
 // Reads one MTrk chunk's events.
 class TrackReader {
  public:
   TrackReader(std::string_view data, const TimeBase& time, MusicDocument& doc, int& damage,
-              std::size_t& noteCount, int& seq, std::vector<PendingNotice>& pending)
-      : d_(data),
+              std::size_t& noteCount, int& seq, std::vector<PendingNotice>& pending, IdSource& ids)
+      : ids_(ids),
+        d_(data),
         time_(time),
         doc_(doc),
         damage_(damage),
@@ -187,6 +218,7 @@ class TrackReader {
   }
 
  private:
+  IdSource& ids_;
   bool vlq(std::size_t& pos, std::uint64_t& out) const {
     out = 0;
     for (int i = 0; i < 4; ++i) {
@@ -205,7 +237,7 @@ class TrackReader {
     if (type == 0x90 && b > 0) {
       if (++noteCount_ > MIDIFileParser::kNoteLimit) throw MIDIFileParser::TooManyNotes();
       open_[ch << 7 | a].push_back(track.notes.size());
-      track.notes.push_back(NoteEvent::make(Uuid::random(), tick, 1, a, b));
+      track.notes.push_back(NoteEvent::make(ids_.next(), tick, 1, a, b));
       track.channels.push_back(ch);
       lastOnset_[ch] = tick;
       return;
@@ -332,11 +364,22 @@ std::string trimmed(std::string s) {
 // One choice between UTF-8 and Shift-JIS for the whole file: events that only one of them
 // reads vote; the winner decodes the events that both read.
 void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending) {
+  // Lyrics repeat a few syllables many times over: each distinct byte string is tried once.
+  std::unordered_map<std::string_view,
+                     std::pair<std::optional<std::string>, std::optional<std::string>>>
+      tried;
+  const auto both = [&](std::string_view b) -> const auto& {
+    auto it = tried.find(b);
+    if (it == tried.end())
+      it = tried.emplace(b, std::pair{charset::decode(b, "UTF-8"), charset::decodeShiftJIS(b)})
+               .first;
+    return it->second;
+  };
   int utf8Only = 0, sjisOnly = 0;
   const auto vote = [&](std::string_view b) {
     if (isAscii(b)) return;
-    const bool u = charset::decode(b, "UTF-8").has_value();
-    const bool s = charset::decodeShiftJIS(b).has_value();
+    const bool u = both(b).first.has_value();
+    const bool s = both(b).second.has_value();
     if (u && !s) ++utf8Only;
     if (s && !u) ++sjisOnly;
   };
@@ -351,8 +394,7 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
   const auto decode = [&](std::string_view b, bool& garbled) -> std::optional<std::string> {
     garbled = false;
     if (isAscii(b)) return std::string(b);
-    auto u = charset::decode(b, "UTF-8");
-    auto s = charset::decodeShiftJIS(b);
+    const auto& [u, s] = both(b);
     if (u && s) {
       garbled = !settled;
       return preferSJIS ? s : u;
@@ -384,6 +426,9 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
         t.texts.push_back({e.tick, std::move(*text), e.seq});
     }
     t.karaokeTag = !t.texts.empty() && t.texts.front().text.starts_with("@");
+  }
+  tried.clear();  // its keys point into the bytes
+  for (RawTrack& t : tracks) {
     t.lyricBytes.clear();
     t.textBytes.clear();
   }
@@ -451,6 +496,7 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
   std::size_t noteCount = 0;
   int seq = 0;
   std::vector<RawTrack> tracks;
+  IdSource ids;
   std::size_t pos = std::min<std::uint64_t>(8 + headerLength, data.size());
   int chunks = 0;
   while (pos + 8 <= data.size()) {
@@ -462,7 +508,8 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
       ++damage;
     }
     if (name == "MTrk") {
-      TrackReader reader(data.substr(body, length), time, doc, damage, noteCount, seq, pending);
+      TrackReader reader(data.substr(body, length), time, doc, damage, noteCount, seq, pending,
+                         ids);
       tracks.push_back(reader.read(int(tracks.size()), body));
     }
     ++chunks;

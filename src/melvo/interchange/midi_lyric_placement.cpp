@@ -253,21 +253,25 @@ class Placer {
     std::stable_sort(w.lyrics.begin(), w.lyrics.end(), [](const TextEvent& a, const TextEvent& b) {
       return a.tick != b.tick ? a.tick < b.tick : a.seq < b.seq;
     });
-    std::set<std::int64_t> lyricTicks;
-    for (const TextEvent& l : w.lyrics) lyricTicks.insert(l.tick);
+    std::vector<std::int64_t> lyricTicks;  // sorted, as the lyrics are
+    lyricTicks.reserve(w.lyrics.size());
+    for (const TextEvent& l : w.lyrics) lyricTicks.push_back(l.tick);
+    const auto hasLyricAt = [&](std::int64_t t) {
+      return std::binary_search(lyricTicks.begin(), lyricTicks.end(), t);
+    };
     auto& notes = w.notes;
     const auto firstAt = [&](std::int64_t t) {
       return std::lower_bound(notes.begin(), notes.end(), t,
                               [](const NoteEvent& n, std::int64_t v) { return n.tick < v; });
     };
-    for (const TextEvent& l : w.lyrics) {
+    for (TextEvent& l : w.lyrics) {
       auto at = firstAt(l.tick);
       if (at != notes.end() && at->tick == l.tick) {
         auto end = at;
         while (end != notes.end() && end->tick == l.tick) ++end;
         auto free = std::find_if(at, end, [](const NoteEvent& n) { return n.lyric.empty(); });
         if (free != end) {
-          free->lyric = l.text;
+          free->lyric = std::move(l.text);
           continue;
         }
         note(end - at > 1 ? nk::midiLyricOverflowInChord : nk::midiLyricOverflow, ti, &*at, l.tick,
@@ -276,7 +280,7 @@ class Placer {
       }
       // A note starting just after the lyric is pulled back to it.
       if (at != notes.end() && at->tick - l.tick <= tol_ && at->lyric.empty() &&
-          lyricTicks.count(at->tick) == 0) {
+          !hasLyricAt(at->tick)) {
         const std::int64_t old = at->tick;
         at->duration += old - l.tick;
         at->tick = l.tick;
@@ -297,8 +301,7 @@ class Placer {
         if (l.tick - it->tick > 64 * doc_.ppq) break;
       }
       if (sounding) {
-        const bool nextHasOwn =
-            at != notes.end() && (lyricTicks.count(at->tick) > 0 || !at->lyric.empty());
+        const bool nextHasOwn = at != notes.end() && (hasLyricAt(at->tick) || !at->lyric.empty());
         if (sounding->endTick() - l.tick <= tol_ && nextHasOwn) {
           note(nk::midiLyricAtNoteEnd, ti, sounding, l.tick, l.text);
           continue;
