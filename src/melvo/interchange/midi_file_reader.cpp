@@ -95,7 +95,8 @@ struct TimeBase {
 class IdSource {
  public:
   IdSource() {
-    const auto& seed = Uuid::random().bytes();
+    const Uuid first = Uuid::random();
+    const auto& seed = first.bytes();
     std::seed_seq seq(seed.begin(), seed.end());
     gen_.seed(seq);
   }
