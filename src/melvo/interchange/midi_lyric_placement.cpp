@@ -245,14 +245,20 @@ class Placer {
 
   void placeTrackLyrics(int ti) {
     Work& w = tracks_[ti];
-    std::stable_sort(w.notes.begin(), w.notes.end(), [](const NoteEvent& a, const NoteEvent& b) {
+    const auto byOnset = [](const NoteEvent& a, const NoteEvent& b) {
       return a.tick != b.tick ? a.tick < b.tick : a.pitch > b.pitch;
-    });
+    };
+    // Most files are in order already; sorting 200,000 notes anyway would cost more than
+    // the placement.
+    if (!std::is_sorted(w.notes.begin(), w.notes.end(), byOnset))
+      std::stable_sort(w.notes.begin(), w.notes.end(), byOnset);
     w.channels.clear();
     if (w.lyrics.empty()) return;
-    std::stable_sort(w.lyrics.begin(), w.lyrics.end(), [](const TextEvent& a, const TextEvent& b) {
+    const auto byTickSeq = [](const TextEvent& a, const TextEvent& b) {
       return a.tick != b.tick ? a.tick < b.tick : a.seq < b.seq;
-    });
+    };
+    if (!std::is_sorted(w.lyrics.begin(), w.lyrics.end(), byTickSeq))
+      std::stable_sort(w.lyrics.begin(), w.lyrics.end(), byTickSeq);
     std::vector<std::int64_t> lyricTicks;  // sorted, as the lyrics are
     lyricTicks.reserve(w.lyrics.size());
     for (const TextEvent& l : w.lyrics) lyricTicks.push_back(l.tick);
@@ -417,25 +423,32 @@ class Placer {
 
   void finish() {
     doc_.tracks.clear();
+    // Only the notes that notices name are looked up.
     std::unordered_map<Uuid, int> trackOf;
+    for (const PendingNotice& p : pending_)
+      if (p.noteID) trackOf.emplace(*p.noteID, -1);
     for (std::size_t i = 0; i < tracks_.size(); ++i) {
       Work& w = tracks_[i];
       if (w.notes.empty()) continue;
       const int index = int(doc_.tracks.size());
-      for (const NoteEvent& n : w.notes) trackOf[n.id] = index;
+      if (!trackOf.empty())
+        for (const NoteEvent& n : w.notes)
+          if (auto it = trackOf.find(n.id); it != trackOf.end()) it->second = index;
       finalIndex_[int(i)] = index;
       MusicTrack t;
       t.name = w.name;
       t.isMuted = w.muted;
-      std::stable_sort(w.notes.begin(), w.notes.end(),
-                       [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
+      const auto byTick = [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; };
+      if (!std::is_sorted(w.notes.begin(), w.notes.end(), byTick))
+        std::stable_sort(w.notes.begin(), w.notes.end(), byTick);
       t.notes = NoteList(std::move(w.notes));
       doc_.tracks.push_back(std::move(t));
     }
     for (PendingNotice& p : pending_) {
       std::optional<int> track;
       if (p.noteID) {
-        if (auto it = trackOf.find(*p.noteID); it != trackOf.end()) track = it->second;
+        if (auto it = trackOf.find(*p.noteID); it != trackOf.end() && it->second >= 0)
+          track = it->second;
       }
       if (!track && p.track && *p.track >= 0) {
         if (auto it = finalIndex_.find(*p.track); it != finalIndex_.end()) track = it->second;
