@@ -28,7 +28,8 @@ const std::string& fileBytes() {
 }
 
 std::uint32_t be32(const std::string& b, std::size_t at) {
-  return (std::uint32_t(std::uint8_t(b[at])) << 24) | (std::uint32_t(std::uint8_t(b[at + 1])) << 16) |
+  return (std::uint32_t(std::uint8_t(b[at])) << 24) |
+         (std::uint32_t(std::uint8_t(b[at + 1])) << 16) |
          (std::uint32_t(std::uint8_t(b[at + 2])) << 8) | std::uint32_t(std::uint8_t(b[at + 3]));
 }
 
