@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "interchange/midi_reader_builder.h"
 #include "melvo/interchange/midi_file_reader.h"
@@ -217,6 +218,12 @@ TEST(MidiReaderFile, RoundTripWithOurWriterKeepsTheSong) {
               std::tie(notes[i].tick, notes[i].duration, notes[i].pitch, notes[i].lyric));
   }
   EXPECT_TRUE(back.importNotices.empty());
+  std::set<Uuid> ids;
+  for (const NoteEvent& n : back.tracks[0].notes) {
+    ids.insert(n.id);
+    EXPECT_EQ(n.id.toString()[14], '4');  // random ids of version 4
+  }
+  EXPECT_EQ(ids.size(), notes.size());
   // The writer's golden file with lyrics reads back to its lyrics.
   std::ifstream in(test::dataPath("golden/midi/lyrics.mid"), std::ios::binary);
   const std::string golden((std::istreambuf_iterator<char>(in)), {});

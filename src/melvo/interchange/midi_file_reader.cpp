@@ -1,10 +1,13 @@
 #include "melvo/interchange/midi_file_reader.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <deque>
 #include <random>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -101,19 +104,12 @@ class IdSource {
     gen_.seed(seq);
   }
   Uuid next() {
-    static const char* hex = "0123456789abcdef";
-    std::uint64_t a = gen_(), b = gen_();
-    a = (a & ~0xF000ull) | 0x4000ull;              // version 4
-    b = (b & ~(0xC0ull << 56)) | (0x80ull << 56);  // RFC 4122 variant
-    char text[37];
-    int k = 0;
-    for (int i = 0; i < 32; ++i) {
-      if (i == 8 || i == 12 || i == 16 || i == 20) text[k++] = '-';
-      const std::uint64_t word = i < 16 ? a : b;
-      text[k++] = hex[(word >> (4 * (15 - i % 16))) & 0xF];
-    }
-    text[36] = 0;
-    return *Uuid::parse(std::string_view(text, 36));
+    static_assert(sizeof(Uuid) == 16 && std::is_trivially_copyable_v<Uuid>);
+    std::array<std::uint64_t, 2> words{gen_(), gen_()};
+    auto bytes = std::bit_cast<std::array<std::uint8_t, 16>>(words);
+    bytes[6] = std::uint8_t((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = std::uint8_t((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    return std::bit_cast<Uuid>(bytes);
   }
 
  private:
