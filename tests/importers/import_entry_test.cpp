@@ -7,6 +7,7 @@
 #include "app/app_test_support.h"
 #include "importer_test_support.h"
 #include "melvo/importers/zip_import.h"
+#include "melvo/interchange/midi_file_reader.h"
 #include "melvo/interchange/musicxml_parse_error.h"
 #include "melvo/model/project_file.h"
 #include "support/zip_writer.h"
@@ -30,13 +31,17 @@ std::string refusedFormat(const fs::path& path) {
 TEST(ImportEntry, EachExtensionReachesItsOwnReader) {
   test::TempDir dir;
   const std::vector<std::pair<std::string, std::string>> cases{
-      {"a.mid", "MIDI"},         {"a.MIDI", "MIDI"},   {"a.kar", "MIDI"},  {"a.smf", "MIDI"},
       {"a.Ustx", "USTX"},        {"a.svp", "SVP"},     {"a.vsqx", "VSQX"}, {"a.vpr", "VPR"},
       {"a.ppsf", "PPSF"},        {"a.TSSLN", "TSSLN"}, {"a.ccs", "CCS"},   {"a.ccst", "CCS"},
       {"a.musicxml", "MusicXML"}};
   for (const auto& [name, format] : cases) {
     test::writeText(dir / name, "<score-partwise></score-partwise>");
     EXPECT_EQ(refusedFormat(dir / name), format) << name;
+  }
+  // MIDI has its reader: bytes that are no MIDI are refused by it.
+  for (const char* name : {"a.mid", "a.MIDI", "a.kar", "a.smf", "a.rmi"}) {
+    test::writeText(dir / name, "<score-partwise></score-partwise>");
+    EXPECT_THROW(openDocument(dir / name), MIDIFileParser::ParseError) << name;
   }
   // Anything else is taken for MusicXML, and refused as such when it is not XML.
   test::writeText(dir / "notes.txt", "plain words");
@@ -64,10 +69,12 @@ TEST(ImportEntry, EveryBrokenCorpusFileIsRefusedWithATypedError) {
   if (!fs::exists(broken)) GTEST_SKIP() << "no corpus at " << broken;
   int seen = 0;
   for (const auto& e : fs::directory_iterator(broken)) {
+    // The MIDI reader opens what it can of a damaged file; its own tests walk these.
+    if (e.path().extension() == ".mid") continue;
     ++seen;
     EXPECT_THROW(openDocument(e.path()), ImportError) << e.path();
   }
-  EXPECT_GT(seen, 10);
+  EXPECT_GT(seen, 4);
 }
 
 TEST(ImportEntry, ARefusedFileLeavesTheOpenSongAlone) {

@@ -2,6 +2,7 @@
 
 #include "melvo/importers/ust_parser.h"
 #include "melvo/importers/zip_import.h"
+#include "melvo/interchange/midi_file_reader.h"
 #include "melvo/interchange/musicxml_unfolder.h"
 #include "melvo/interchange/score_decoder.h"
 #include "melvo/interchange/tempo_notices.h"
@@ -23,7 +24,6 @@ std::string lowerExtension(const std::filesystem::path& path) {
 // The format a file of this extension holds, for readers that do not exist yet; empty for
 // MusicXML, which is what any other extension is taken for.
 const char* foreignFormat(const std::string& ext) {
-  if (ext == "mid" || ext == "midi" || ext == "kar" || ext == "smf") return "MIDI";
   if (ext == "svp") return "SVP";
   if (ext == "vsqx") return "VSQX";
   if (ext == "vpr") return "VPR";
@@ -43,7 +43,7 @@ UnsupportedFormatError::UnsupportedFormatError(std::string format)
 
 const std::vector<std::string>& openableExtensions() {
   static const std::vector<std::string> extensions{
-      "nsproj", "musicxml", "xml",  "mxl", "mid",  "midi",  "kar", "smf",  "ust",
+      "nsproj", "musicxml", "xml",  "mxl", "mid",  "midi",  "kar", "smf",  "rmi", "ust",
       "ustx",   "svp",      "vsqx", "vpr", "ppsf", "tssln", "ccs", "ccst", "zip"};
   return extensions;
 }
@@ -57,6 +57,8 @@ MusicDocument importDocument(const std::filesystem::path& path) {
   }
   if (ext == "nsproj") return readProject(path);
   if (ext == "ust") return USTParser::parse(path);
+  if (ext == "mid" || ext == "midi" || ext == "kar" || ext == "smf" || ext == "rmi")
+    return MIDIFileParser::parse(path);
   if (const char* format = foreignFormat(ext); *format) throw UnsupportedFormatError(format);
   // MusicXML: the raw passes run already, so that a file that is no score is refused as
   // such; the reader that turns the unfolded text into a song comes next.

@@ -1,0 +1,538 @@
+#include "melvo/interchange/midi_file_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <deque>
+#include <random>
+#include <type_traits>
+#include <unordered_map>
+#include <vector>
+
+#include "melvo/interchange/midi_lyric_placement.h"
+#include "melvo/interchange/midi_raw_track.h"
+#include "melvo/platform/atomic_file.h"
+#include "melvo/platform/charset.h"
+#include "melvo/platform/i18n.h"
+#include "melvo/platform/log.h"
+
+namespace melvo {
+
+namespace {
+
+using midi::PendingNotice;
+using midi::RawTrack;
+
+const char* failureKey(MIDIFileParser::Failure f) {
+  switch (f) {
+    case MIDIFileParser::Failure::invalidHeader:
+      return N_(
+          "MIDI ファイルとして読めません（ファイルの頭が MIDI "
+          "の形になっていません）。ファイルが壊れているか、別の形式かもしれません。元のソフトで "
+          "MIDI（.mid）として書き出し直してから開いてください。");
+    case MIDIFileParser::Failure::unsupportedFormat:
+      return N_(
+          "形式2の "
+          "MIDI（曲の中にパターンを並べる形）には対応していません。元のソフトで形式0か形式1の MIDI "
+          "として書き出し直してから開いてください。");
+    case MIDIFileParser::Failure::unexpectedEOF:
+      return N_(
+          "MIDI "
+          "ファイルが途中で終わっていて、音を1つも読めませんでした。ファイルをダウンロードし直すか"
+          "、元のソフトで書き出し直してから開いてください。");
+    case MIDIFileParser::Failure::noNotes:
+      break;
+  }
+  return N_(
+      "この MIDI "
+      "ファイルには音符がありません。ファイルが壊れているか、別の形式かもしれません。元のソフトで音"
+      "符の入った MIDI を書き出し直してから開いてください。");
+}
+
+std::uint32_t be32(std::string_view b, std::size_t at) {
+  return (std::uint32_t(std::uint8_t(b[at])) << 24) |
+         (std::uint32_t(std::uint8_t(b[at + 1])) << 16) |
+         (std::uint32_t(std::uint8_t(b[at + 2])) << 8) | std::uint32_t(std::uint8_t(b[at + 3]));
+}
+std::uint32_t le32(std::string_view b, std::size_t at) {
+  return (std::uint32_t(std::uint8_t(b[at + 3])) << 24) |
+         (std::uint32_t(std::uint8_t(b[at + 2])) << 16) |
+         (std::uint32_t(std::uint8_t(b[at + 1])) << 8) | std::uint32_t(std::uint8_t(b[at]));
+}
+int be16(std::string_view b, std::size_t at) {
+  return (int(std::uint8_t(b[at])) << 8) | int(std::uint8_t(b[at + 1]));
+}
+
+// The Standard MIDI File inside a RIFF wrapper, or the bytes themselves.
+std::string_view unwrapRiff(std::string_view bytes) {
+  if (bytes.size() < 12 || bytes.substr(0, 4) != "RIFF" || bytes.substr(8, 4) != "RMID")
+    return bytes;
+  std::size_t pos = 12;
+  while (pos + 8 <= bytes.size()) {
+    const std::uint64_t len = le32(bytes, pos + 4);
+    const std::size_t body = pos + 8;
+    if (bytes.substr(pos, 4) == "data")
+      return bytes.substr(body, std::min<std::uint64_t>(len, bytes.size() - body));
+    pos = body + len + (len & 1);
+  }
+  throw MIDIFileParser::ParseError(MIDIFileParser::Failure::invalidHeader);
+}
+
+// Time of the file: ticks per quarter, or SMPTE ticks turned into a grid at 120 per minute.
+struct TimeBase {
+  bool smpte = false;
+  double ticksPerSecond = 0;
+  std::int64_t ppq = 480;
+
+  std::int64_t scale(std::int64_t t) const {
+    if (!smpte) return std::min(t, maxTick);
+    const double beats = double(t) / ticksPerSecond * 2.0;
+    return std::min<std::int64_t>(std::llround(beats * double(ppq)), maxTick);
+  }
+};
+
+// Note ids for a whole file: one system draw seeds a generator, since asking the system for
+// each of 200,000 notes costs more than all the rest of the reading.
+class IdSource {
+ public:
+  IdSource() {
+    const Uuid first = Uuid::random();
+    const auto& seed = first.bytes();
+    std::seed_seq seq(seed.begin(), seed.end());
+    gen_.seed(seq);
+  }
+  Uuid next() {
+    static_assert(sizeof(Uuid) == 16 && std::is_trivially_copyable_v<Uuid>);
+    std::array<std::uint64_t, 2> words{gen_(), gen_()};
+    auto bytes = std::bit_cast<std::array<std::uint8_t, 16>>(words);
+    bytes[6] = std::uint8_t((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = std::uint8_t((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    return std::bit_cast<Uuid>(bytes);
+  }
+
+ private:
+  std::mt19937_64 gen_;
+};
+
+// Reads one MTrk chunk's events.
+class TrackReader {
+ public:
+  TrackReader(std::string_view data, const TimeBase& time, MusicDocument& doc, int& damage,
+              std::size_t& noteCount, int& seq, std::vector<PendingNotice>& pending, IdSource& ids)
+      : ids_(ids),
+        d_(data),
+        time_(time),
+        doc_(doc),
+        damage_(damage),
+        noteCount_(noteCount),
+        seq_(seq),
+        pending_(pending) {}
+
+  RawTrack read(int index, std::size_t chunkOffset) {
+    RawTrack track;
+    track.index = index;
+    std::size_t pos = 0;
+    std::int64_t tick = 0;
+    int running = 0;
+    while (pos < d_.size()) {
+      std::uint64_t delta = 0;
+      if (!vlq(pos, delta)) {
+        ++damage_;
+        break;
+      }
+      tick = std::min<std::int64_t>(tick + std::int64_t(delta), maxTick * 64);
+      if (pos >= d_.size()) {
+        ++damage_;
+        break;
+      }
+      int status = std::uint8_t(d_[pos]);
+      if (status < 0x80) {
+        if (running == 0) {
+          ++damage_;
+          log::write("MIDIFileParser", "⚠ running status が未確立のトラックを切り上げ (pos=" +
+                                           std::to_string(chunkOffset + pos) + ")");
+          break;
+        }
+        status = running;
+      } else {
+        ++pos;
+      }
+      if (status < 0xF0) {
+        running = status;
+        const int type = status & 0xF0;
+        const int need = (type == 0xC0 || type == 0xD0) ? 1 : 2;
+        if (pos + need > d_.size()) {
+          ++damage_;
+          break;
+        }
+        const int a = std::uint8_t(d_[pos]);
+        const int b = need == 2 ? std::uint8_t(d_[pos + 1]) : 0;
+        if (a >= 0x80 || b >= 0x80) {
+          // A status byte where data should be: the message is lost, reading goes on there.
+          ++damage_;
+          running = 0;
+          pos += (a >= 0x80) ? 0 : 1;
+          continue;
+        }
+        pos += need;
+        channelEvent(track, status, a, b, tick);
+        continue;
+      }
+      running = 0;
+      if (status == 0xF0 || status == 0xF7) {
+        std::uint64_t len = 0;
+        if (!vlq(pos, len) || len > d_.size() - pos) {
+          ++damage_;
+          break;
+        }
+        pos += len;
+        continue;
+      }
+      if (status != 0xFF) {
+        ++damage_;  // system common and real-time messages have no place in a file
+        break;
+      }
+      if (pos >= d_.size()) {
+        ++damage_;
+        break;
+      }
+      const int meta = std::uint8_t(d_[pos++]);
+      std::uint64_t len = 0;
+      if (!vlq(pos, len) || len > d_.size() - pos) {
+        ++damage_;
+        break;
+      }
+      const std::string_view body = d_.substr(pos, len);
+      pos += len;
+      if (meta == 0x2F) break;
+      metaEvent(track, meta, body, tick);
+    }
+    track.endTick = time_.scale(tick);
+    closeOpenNotes(track);
+    return track;
+  }
+
+ private:
+  IdSource& ids_;
+  bool vlq(std::size_t& pos, std::uint64_t& out) const {
+    out = 0;
+    for (int i = 0; i < 4; ++i) {
+      if (pos >= d_.size()) return false;
+      const int c = std::uint8_t(d_[pos++]);
+      out = (out << 7) | std::uint64_t(c & 0x7F);
+      if (!(c & 0x80)) return true;
+    }
+    return false;
+  }
+
+  void channelEvent(RawTrack& track, int status, int a, int b, std::int64_t rawTick) {
+    const int type = status & 0xF0;
+    const int ch = status & 0x0F;
+    const std::int64_t tick = time_.scale(rawTick);
+    if (type == 0x90 && b > 0) {
+      if (++noteCount_ > MIDIFileParser::kNoteLimit) throw MIDIFileParser::TooManyNotes();
+      open_[ch << 7 | a].push_back(track.notes.size());
+      track.notes.push_back(NoteEvent::make(ids_.next(), tick, 1, a, b));
+      track.channels.push_back(ch);
+      lastOnset_[ch] = tick;
+      return;
+    }
+    if (type == 0x80 || type == 0x90) {
+      auto it = open_.find(ch << 7 | a);
+      if (it == open_.end() || it->second.empty()) return;
+      NoteEvent& n = track.notes[it->second.front()];
+      it->second.pop_front();
+      n.duration = std::clamp<std::int64_t>(tick - n.tick, 1, maxTick);
+      return;
+    }
+    if (type == 0xB0) {
+      midi::ChannelControls& c = track.controls[ch];
+      if (a == 1) c.mods.emplace_back(tick, b);
+      if (a == 101) rpnMsb_[ch] = b;
+      if (a == 100) rpnLsb_[ch] = b;
+      const bool bendRange = rpnMsb_[ch] == 0 && rpnLsb_[ch] == 0;
+      if (a == 6 && bendRange) {
+        rangeSemis_[ch] = b;
+        c.ranges.emplace_back(tick, b + rangeCents_[ch] / 100.0);
+      }
+      if (a == 38 && bendRange) {
+        rangeCents_[ch] = b;
+        c.ranges.emplace_back(tick, rangeSemis_[ch] + b / 100.0);
+      }
+      return;
+    }
+    if (type == 0xE0) track.controls[ch].bends.emplace_back(tick, (b << 7 | a) - 8192);
+  }
+
+  void metaEvent(RawTrack& track, int meta, std::string_view body, std::int64_t rawTick) {
+    const std::int64_t tick = time_.scale(rawTick);
+    switch (meta) {
+      case 0x01:
+        track.textBytes.push_back({tick, std::string(body), seq_++});
+        break;
+      case 0x03:
+        if (track.nameBytes.empty()) track.nameBytes = std::string(body);
+        break;
+      case 0x05:
+        track.lyricBytes.push_back({tick, std::string(body), seq_++});
+        break;
+      case 0x51:
+        if (body.size() >= 3 && !time_.smpte) {
+          const int us =
+              (std::uint8_t(body[0]) << 16) | (std::uint8_t(body[1]) << 8) | std::uint8_t(body[2]);
+          if (us > 0) doc_.tempoMap.push_back({tick, 60000000.0 / us});
+        }
+        break;
+      case 0x58:
+        if (body.size() >= 2) {
+          const int power = std::min<int>(std::uint8_t(body[1]), 6);
+          doc_.timeSignatures.push_back({tick, std::uint8_t(body[0]), 1 << power});
+        }
+        break;
+      case 0x59:
+        if (!body.empty()) doc_.keySignatures.push_back({tick, std::int8_t(body[0])});
+        break;
+      default:
+        break;
+    }
+  }
+
+  // Notes left open end at the next onset of their channel, else at the track's end, else
+  // after a beat.
+  void closeOpenNotes(RawTrack& track) {
+    std::vector<std::size_t> left;
+    for (auto& [key, queue] : open_)
+      for (std::size_t i : queue) left.push_back(i);
+    if (left.empty()) return;
+    std::sort(left.begin(), left.end());
+    std::unordered_map<int, std::vector<std::int64_t>> onsets;
+    for (std::size_t i = 0; i < track.notes.size(); ++i)
+      onsets[track.channels[i]].push_back(track.notes[i].tick);
+    for (auto& [ch, list] : onsets) std::sort(list.begin(), list.end());
+    for (std::size_t i : left) {
+      NoteEvent& n = track.notes[i];
+      const auto& list = onsets[track.channels[i]];
+      const auto next = std::upper_bound(list.begin(), list.end(), n.tick);
+      std::int64_t end = 0;
+      if (next != list.end())
+        end = *next;
+      else if (track.endTick > n.tick)
+        end = track.endTick;
+      else
+        end = n.tick + doc_.ppq;
+      n.duration = std::clamp<std::int64_t>(end - n.tick, 1, maxTick);
+      pending_.push_back(
+          {&notice_kinds::midiMissingNoteOff, std::nullopt, n.id, n.tick, std::nullopt, 1, {}});
+    }
+  }
+
+  std::string_view d_;
+  const TimeBase& time_;
+  MusicDocument& doc_;
+  int& damage_;
+  std::size_t& noteCount_;
+  int& seq_;
+  std::vector<PendingNotice>& pending_;
+  std::unordered_map<int, std::deque<std::size_t>> open_;
+  std::unordered_map<int, std::int64_t> lastOnset_;
+  int rpnMsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127,
+                     127, 127, 127, 127, 127, 127, 127, 127};
+  int rpnLsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127,
+                     127, 127, 127, 127, 127, 127, 127, 127};
+  int rangeSemis_[16] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2};
+  int rangeCents_[16] = {};
+};
+
+bool isAscii(std::string_view s) {
+  return std::all_of(s.begin(), s.end(), [](char c) { return std::uint8_t(c) < 0x80; });
+}
+
+std::string trimmed(std::string s) {
+  const auto notSpace = [](unsigned char c) {
+    return c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != 0;
+  };
+  s.erase(s.begin(), std::find_if(s.begin(), s.end(), notSpace));
+  s.erase(std::find_if(s.rbegin(), s.rend(), notSpace).base(), s.end());
+  return s;
+}
+
+// One choice between UTF-8 and Shift-JIS for the whole file: events that only one of them
+// reads vote; the winner decodes the events that both read.
+void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending) {
+  // Lyrics repeat a few syllables many times over: each distinct byte string is tried once.
+  std::unordered_map<std::string_view,
+                     std::pair<std::optional<std::string>, std::optional<std::string>>>
+      tried;
+  const auto both = [&](std::string_view b) -> const auto& {
+    auto it = tried.find(b);
+    if (it == tried.end())
+      it = tried.emplace(b, std::pair{charset::decode(b, "UTF-8"), charset::decodeShiftJIS(b)})
+               .first;
+    return it->second;
+  };
+  int utf8Only = 0, sjisOnly = 0;
+  const auto vote = [&](std::string_view b) {
+    if (isAscii(b)) return;
+    const bool u = both(b).first.has_value();
+    const bool s = both(b).second.has_value();
+    if (u && !s) ++utf8Only;
+    if (s && !u) ++sjisOnly;
+  };
+  for (const RawTrack& t : tracks) {
+    vote(t.nameBytes);
+    for (const auto& e : t.lyricBytes) vote(e.bytes);
+    for (const auto& e : t.textBytes) vote(e.bytes);
+  }
+  const bool preferSJIS = sjisOnly > utf8Only;
+  const bool settled = utf8Only != sjisOnly;
+  // Nothing when neither reads the bytes; `garbled` when both do and the file did not settle.
+  const auto decode = [&](std::string_view b, bool& garbled) -> std::optional<std::string> {
+    garbled = false;
+    if (isAscii(b)) return std::string(b);
+    const auto& [u, s] = both(b);
+    if (u && s) {
+      garbled = !settled;
+      return preferSJIS ? s : u;
+    }
+    return u ? u : s;
+  };
+  for (RawTrack& t : tracks) {
+    bool garbled = false;
+    t.name = trimmed(decode(t.nameBytes, garbled).value_or(charset::decodeLatin1(t.nameBytes)));
+    for (const auto& e : t.lyricBytes) {
+      auto text = decode(e.bytes, garbled);
+      if (!text) {
+        pending.push_back({&notice_kinds::midiLyricUnreadable,
+                           std::nullopt,
+                           std::nullopt,
+                           e.tick,
+                           std::nullopt,
+                           1,
+                           {}});
+        continue;
+      }
+      if (garbled)
+        pending.push_back(
+            {&notice_kinds::midiLyricGarbled, std::nullopt, std::nullopt, e.tick, *text, 1, {}});
+      t.lyrics.push_back({e.tick, std::move(*text), e.seq});
+    }
+    for (const auto& e : t.textBytes) {
+      if (auto text = decode(e.bytes, garbled))
+        t.texts.push_back({e.tick, std::move(*text), e.seq});
+    }
+    t.karaokeTag = !t.texts.empty() && t.texts.front().text.starts_with("@");
+  }
+  tried.clear();  // its keys point into the bytes
+  for (RawTrack& t : tracks) {
+    t.lyricBytes.clear();
+    t.textBytes.clear();
+  }
+}
+
+}  // namespace
+
+MIDIFileParser::ParseError::ParseError(Failure failure)
+    : ImportError(failureKey(failure), tr(failureKey(failure))), failure_(failure) {}
+
+MIDIFileParser::TooManyNotes::TooManyNotes()
+    : ImportError(N_("このファイルは音の数が多すぎるため（%d "
+                     "音を越えています）、開きませんでした。元のソフトで曲をいくつかに分けて書き出"
+                     "してから開いてください。"),
+                  trf("このファイルは音の数が多すぎるため（%d "
+                      "音を越えています）、開きませんでした。元のソフトで曲をいくつかに分けて書き出"
+                      "してから開いてください。",
+                      {std::to_string(kNoteLimit)})) {}
+
+MusicDocument MIDIFileParser::parse(const std::filesystem::path& path) {
+  MusicDocument document = parseBytes(readFile(path));
+  const std::string stem = path.stem().string();
+  if (!stem.empty()) document.title = stem;
+  return document;
+}
+
+MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
+  const std::string_view data = unwrapRiff(file);
+  if (data.size() < 8 || data.substr(0, 4) != "MThd") throw ParseError(Failure::invalidHeader);
+  const std::uint64_t headerLength = be32(data, 4);
+  if (headerLength < 6) throw ParseError(Failure::invalidHeader);
+  if (data.size() < 14) throw ParseError(Failure::unexpectedEOF);
+  const int format = be16(data, 8);
+  const int division = be16(data, 12);
+  if (format > 1) throw ParseError(Failure::unsupportedFormat);
+
+  MusicDocument doc;
+  doc.tracks.clear();
+  doc.tempoMap.clear();
+  doc.timeSignatures.clear();
+  doc.keySignatures.clear();
+  std::vector<PendingNotice> pending;
+  TimeBase time;
+  if (division & 0x8000) {
+    const int fps = -int(std::int8_t(division >> 8));
+    const int perFrame = division & 0xFF;
+    time.smpte = true;
+    // 29 stands for 29.97 drop-frame.
+    const double rate = fps == 29 ? 30000.0 / 1001.0 : double(fps);
+    time.ticksPerSecond = rate * double(perFrame);
+    if (!(time.ticksPerSecond > 0)) time.ticksPerSecond = 1;
+    doc.ppq = 480;
+    pending.push_back(
+        {&notice_kinds::smpteMIDI, std::nullopt, std::nullopt, 0, std::nullopt, 1, {}});
+  } else if (division == 0) {
+    doc.ppq = 480;
+    pending.push_back(
+        {&notice_kinds::midiBrokenDivision, std::nullopt, std::nullopt, 0, std::nullopt, 1, {}});
+  } else {
+    doc.ppq = division;
+  }
+  time.ppq = doc.ppq;
+
+  int damage = 0;
+  std::size_t noteCount = 0;
+  int seq = 0;
+  std::vector<RawTrack> tracks;
+  IdSource ids;
+  std::size_t pos = std::min<std::uint64_t>(8 + headerLength, data.size());
+  int chunks = 0;
+  while (pos + 8 <= data.size()) {
+    const std::string_view name = data.substr(pos, 4);
+    std::uint64_t length = be32(data, pos + 4);
+    const std::size_t body = pos + 8;
+    if (length > data.size() - body) {
+      length = data.size() - body;
+      ++damage;
+    }
+    if (name == "MTrk") {
+      TrackReader reader(data.substr(body, length), time, doc, damage, noteCount, seq, pending,
+                         ids);
+      tracks.push_back(reader.read(int(tracks.size()), body));
+    }
+    ++chunks;
+    pos = body + length;
+  }
+  if (pos < data.size() && chunks == 0) ++damage;
+
+  if (noteCount == 0)
+    throw ParseError(damage > 0 || tracks.empty() ? Failure::unexpectedEOF : Failure::noNotes);
+  if (damage > 0)
+    pending.push_back(
+        {&notice_kinds::midiFileDamaged, std::nullopt, std::nullopt, 0, std::nullopt, damage, {}});
+
+  if (time.smpte) doc.tempoMap.clear();
+  if (doc.tempoMap.empty()) doc.tempoMap.push_back(TempoEvent{});
+  if (doc.timeSignatures.empty()) doc.timeSignatures.push_back(TimeSignatureEvent{});
+  if (doc.keySignatures.empty()) doc.keySignatures.push_back(KeySignatureEvent{});
+  const auto byTick = [](const auto& a, const auto& b) { return a.tick < b.tick; };
+  std::stable_sort(doc.tempoMap.begin(), doc.tempoMap.end(), byTick);
+  std::stable_sort(doc.timeSignatures.begin(), doc.timeSignatures.end(), byTick);
+  std::stable_sort(doc.keySignatures.begin(), doc.keySignatures.end(), byTick);
+  doc.repairMaps();
+
+  decodeTexts(tracks, pending);
+  midi::placeLyrics(std::move(tracks), doc, std::move(pending));
+  return doc;
+}
+
+}  // namespace melvo
