@@ -31,9 +31,9 @@ std::string refusedFormat(const fs::path& path) {
 TEST(ImportEntry, EachExtensionReachesItsOwnReader) {
   test::TempDir dir;
   const std::vector<std::pair<std::string, std::string>> cases{
-      {"a.Ustx", "USTX"},        {"a.svp", "SVP"},     {"a.vsqx", "VSQX"}, {"a.vpr", "VPR"},
-      {"a.ppsf", "PPSF"},        {"a.TSSLN", "TSSLN"}, {"a.ccs", "CCS"},   {"a.ccst", "CCS"},
-      {"a.musicxml", "MusicXML"}};
+      {"a.Ustx", "USTX"}, {"a.svp", "SVP"},   {"a.vsqx", "VSQX"},
+      {"a.vpr", "VPR"},   {"a.ppsf", "PPSF"}, {"a.TSSLN", "TSSLN"},
+      {"a.ccs", "CCS"},   {"a.ccst", "CCS"},  {"a.musicxml", "MusicXML"}};
   for (const auto& [name, format] : cases) {
     test::writeText(dir / name, "<score-partwise></score-partwise>");
     EXPECT_EQ(refusedFormat(dir / name), format) << name;
