@@ -41,7 +41,8 @@ std::size_t noteIndex(const McpJSON& edit, std::size_t count, const char* shapeW
 }
 
 void checkFields(const McpJSON& edit, std::initializer_list<const char*> allowed) {
-  for (const auto& [name, value] : edit.asObject()) {
+  for (const auto& field : edit.asObject()) {
+    const std::string& name = field.first;
     if (std::none_of(allowed.begin(), allowed.end(), [&](const char* a) { return name == a; })) {
       refuse(tr("知らない引数です：") + name);
     }
