@@ -33,7 +33,7 @@ namespace {
 
 enum class ArgKind { integer, pitch, quantize, text, word };
 
-struct OpSpec {
+struct OpSyntax {
   const char* name;
   const char* usage;        // arguments as --help shows them
   const char* description;  // catalogue key
@@ -42,9 +42,9 @@ struct OpSpec {
   std::size_t optionalFrom = static_cast<std::size_t>(-1);
 };
 
-const std::vector<OpSpec>& opSpecs() {
+const std::vector<OpSyntax>& opSpecs() {
   using A = ArgKind;
-  static const std::vector<OpSpec> specs = {
+  static const std::vector<OpSyntax> syntaxes = {
       {"track", "N", N_("今のトラックを選ぶ（0 から数える）"), {A::integer}},
       {"select",
        "all|none|I,J,K|I-J",
@@ -97,10 +97,10 @@ const std::vector<OpSpec>& opSpecs() {
       {"undo", "", N_("取り消す"), {}},
       {"redo", "", N_("やり直す"), {}},
   };
-  return specs;
+  return syntaxes;
 }
 
-const OpSpec* findSpec(std::string_view name) {
+const OpSyntax* findSyntax(std::string_view name) {
   for (const auto& s : opSpecs())
     if (name == s.name) return &s;
   return nullptr;
@@ -126,7 +126,7 @@ std::string helpFooter() {
 // ---- Reading operations ----
 
 struct Op {
-  const OpSpec* spec = nullptr;
+  const OpSyntax* syntax = nullptr;
   std::string line;  // as written, for the report
   std::vector<std::int64_t> numbers;
   std::vector<std::string> words;  // word and text arguments, in order
@@ -193,9 +193,9 @@ std::variant<Op, std::string> parseOp(const std::string& rawLine) {
     return line.substr(start, pos - start);
   };
   const std::string name = nextToken().value_or("");
-  op.spec = findSpec(name);
-  if (!op.spec) return trf("その操作はありません: %@", {name});
-  const OpSpec& s = *op.spec;
+  op.syntax = findSyntax(name);
+  if (!op.syntax) return trf("その操作はありません: %@", {name});
+  const OpSyntax& s = *op.syntax;
   const std::string usage = std::string(s.name) + (s.usage[0] ? " " : "") + s.usage;
   const std::string bad = trf("%@ の引数が違います（%@）", {s.name, usage});
   for (std::size_t i = 0; i < s.args.size(); ++i) {
@@ -317,7 +317,7 @@ std::vector<Uuid> notesInTickOrder(const PianoRollViewModel& vm) {
 
 // Runs one operation; an error text when it names something the song does not have.
 std::optional<std::string> run(PianoRollViewModel& vm, const Op& op, std::string& note) {
-  const std::string name = op.spec->name;
+  const std::string name = op.syntax->name;
   const auto& num = op.numbers;
   const std::vector<Uuid> order = notesInTickOrder(vm);
   auto noteAt = [&](std::int64_t index) -> std::optional<Uuid> {
@@ -504,7 +504,7 @@ int edit(const Options& o) {
     }
     // The label of the step this operation pushed, or of the one it undid or redid.
     std::string label;
-    const std::string_view name = ops[i].spec->name;
+    const std::string_view name = ops[i].syntax->name;
     const bool changed = !(before == vm.document());
     if (name == "undo" && vm.canRedo() && changed) {
       label = "  [" + vm.redoLabel().value_or("") + "]";
