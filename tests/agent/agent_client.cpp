@@ -1,5 +1,7 @@
 #include "agent/agent_client.h"
 
+#include "support/test_support.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -44,24 +46,7 @@ void AgentClient::send(const std::string& bytes) {
 }
 
 std::optional<std::string> AgentClient::readLine(std::chrono::milliseconds limit) {
-  const auto until = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
-      std::string line = buffer_.substr(0, nl);
-      buffer_.erase(0, nl + 1);
-      return line;
-    }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        until - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return std::nullopt;
-    pollfd p{fd_, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-    char chunk[65536];
-    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return std::nullopt;
-    buffer_.append(chunk, static_cast<std::size_t>(n));
-  }
+  return readLineFrom(fd_, buffer_, limit);
 }
 
 std::string AgentClient::call(const std::string& line) {

@@ -62,23 +62,7 @@ class Child {
     stdin_ = -1;
   }
   std::optional<std::string> readLine(std::chrono::milliseconds limit) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-      if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
-        std::string line = buffer_.substr(0, nl);
-        buffer_.erase(0, nl + 1);
-        return line;
-      }
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          until - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      pollfd p{stdout_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[65536];
-      ssize_t n = ::read(stdout_, chunk, sizeof chunk);
-      if (n <= 0) return std::nullopt;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
+    return test::readLineFrom(stdout_, buffer_, limit);
   }
   // Exit status once it ends by itself within `limit`, else nothing.
   std::optional<int> wait(std::chrono::milliseconds limit) {

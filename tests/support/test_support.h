@@ -1,7 +1,9 @@
 // Helpers shared by every test program.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,5 +49,10 @@ struct RunResult {
 // Runs the melvo binary with `args`, no shell involved. `env` entries ("K=V") are added to the
 // current environment.
 RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+
+// The next line from `fd` (a pipe or a socket), keeping what follows it in `buffer`; nothing
+// when `limit` passes or the other end closes first.
+std::optional<std::string> readLineFrom(int fd, std::string& buffer,
+                                        std::chrono::milliseconds limit);
 
 }  // namespace melvo::test
