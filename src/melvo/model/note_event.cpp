@@ -49,3 +49,8 @@ bool NoteEvent::phonemesEqualLyric() const {
 }
 
 }  // namespace melvo
+
+namespace melvo {
+// Undo keeps old copies of every note a change touches (see OptionalText): keep the record small.
+static_assert(sizeof(NoteEvent) <= 88);
+}  // namespace melvo
