@@ -2,16 +2,32 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "melvo/platform/atomic_file.h"
 #include "support/test_support.h"
+
+// A disk that fails its flushes on demand: this test program's fsync stands in for the C
+// library's, so the code under test meets the failure where it really calls.
+static std::atomic<bool> gFailFsync{false};
+extern "C" int fsync(int fd) {
+  if (gFailFsync) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
 
 namespace melvo {
 namespace {
@@ -97,6 +113,54 @@ TEST(AtomicFile, AFailedWriteLeaksNothing) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_EQ(readFile(target), "old");
   EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"song.nsproj"});
+}
+
+// A flush the disk refuses: the save fails with the disk's reason, the old bytes stay, and no
+// descriptor or file is left over.
+TEST(AtomicFile, AFailedFlushKeepsTheOldFileAndLeaksNothing) {
+  test::TempDir dir;
+  const fs::path target = dir / "song.nsproj";
+  writeFileAtomically(target, "old");
+  const int before = openDescriptors();
+  gFailFsync = true;
+  std::string reason;
+  try {
+    writeFileAtomically(target, "new");
+  } catch (const FileError& e) {
+    reason = e.what();
+  }
+  {
+    UnnamedFile big(target);
+    ASSERT_EQ(write(big.fd(), "mix", 3), 3);
+    EXPECT_THROW(big.commit(), FileError);
+  }
+  gFailFsync = false;
+  EXPECT_NE(reason.find(std::strerror(EIO)), std::string::npos) << reason;
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(readFile(target), "old");
+  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"song.nsproj"});
+}
+
+// A large file written in place and abandoned (a mix cancelled, or its writer killed) leaves
+// nothing; committed, it replaces the target whole.
+TEST(AtomicFile, AnUnnamedFileAppearsOnlyWhenCommitted) {
+  test::TempDir dir;
+  const fs::path target = dir / "mix.wav";
+  writeFileAtomically(target, "old");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    UnnamedFile f(target);
+    (void)!write(f.fd(), "half", 4);
+    raise(SIGKILL);
+  }
+  waitpid(pid, nullptr, 0);
+  { UnnamedFile dropped(target); }
+  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"mix.wav"});
+  UnnamedFile f(target);
+  ASSERT_EQ(write(f.fd(), "whole", 5), 5);
+  f.commit(Durability::unflushed);
+  EXPECT_EQ(readFile(target), "whole");
+  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"mix.wav"});
 }
 
 }  // namespace

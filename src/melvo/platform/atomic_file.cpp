@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <random>
 
 namespace melvo {
@@ -59,10 +58,26 @@ fs::path tempName(const fs::path& dir, const fs::path& target) {
   return dir / (tempPrefix(target) + std::to_string(getpid()) + "-" + std::to_string(rd()));
 }
 
-// Flushes, then closes whatever happens: a failed flush must not leak the descriptor.
-int syncAndClose(int fd) {
-  int err = ::fsync(fd) != 0 ? errno : 0;
+// Copies an unnamed file's bytes into a new named one, for systems without /proc where the
+// unnamed file cannot be linked. Returns 0 or the error.
+int copyIntoNamed(int from, const fs::path& to, bool flush) {
+  int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return errno;
+  struct stat st;
+  int err = ::fstat(from, &st) != 0 ? errno : 0;
+  ::fchmod(fd, st.st_mode & 07777);
+  loff_t in = 0;
+  for (off_t left = st.st_size; err == 0 && left > 0;) {
+    ssize_t n = ::copy_file_range(from, &in, fd, nullptr, static_cast<std::size_t>(left), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0)
+      err = n < 0 ? errno : EIO;
+    else
+      left -= n;
+  }
+  if (err == 0 && flush && ::fsync(fd) != 0) err = errno;
   if (::close(fd) != 0 && err == 0) err = errno;
+  if (err != 0) ::unlink(to.c_str());
   return err;
 }
 
@@ -71,53 +86,9 @@ void keepMode(int fd, const fs::path& target) {
   if (::stat(target.c_str(), &st) == 0) ::fchmod(fd, st.st_mode & 07777);
 }
 
-// The bytes in a file that has no name until they are all on disk: a writer killed on the way
-// leaves nothing behind. Returns the named temporary, or nothing when the file system cannot
-// make unnamed files (the caller then writes a named one).
-std::optional<fs::path> writeUnnamed(const fs::path& dir, const fs::path& target,
-                                     std::string_view bytes) {
-  int fd = ::open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) return std::nullopt;
-    fail(target, errno);
-  }
-  if (int err = writeAll(fd, bytes)) {
-    ::close(fd);
-    fail(target, err);
-  }
-  keepMode(fd, target);
-  if (::fsync(fd) != 0) {
-    int err = errno;
-    ::close(fd);
-    fail(target, err);
-  }
-  const fs::path tmp = tempName(dir, target);
-  const std::string self = "/proc/self/fd/" + std::to_string(fd);
-  int linked = ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, tmp.c_str(), AT_SYMLINK_FOLLOW);
-  int err = linked != 0 ? errno : 0;
-  ::close(fd);
-  if (linked != 0) {
-    if (err == ENOENT || err == EPERM) return std::nullopt;  // no /proc: name it the old way
-    fail(target, err);
-  }
-  return tmp;
-}
-
-fs::path writeNamed(const fs::path& dir, const fs::path& target, std::string_view bytes) {
-  const fs::path tmp = tempName(dir, target);
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) fail(target, errno);
-  if (int err = writeAll(fd, bytes)) {
-    ::close(fd);
-    ::unlink(tmp.c_str());
-    fail(target, err);
-  }
-  keepMode(fd, target);
-  if (int err = syncAndClose(fd)) {
-    ::unlink(tmp.c_str());
-    fail(target, err);
-  }
-  return tmp;
+fs::path folderOf(const fs::path& target) {
+  fs::path dir = target.parent_path();
+  return dir.empty() ? fs::path(".") : dir;
 }
 
 }  // namespace
@@ -140,24 +111,60 @@ void removeStaleTemporaries(const fs::path& target) {
   }
 }
 
-void writeFileAtomically(const fs::path& path, std::string_view bytes) {
-  const fs::path target = followLinks(path);
-  fs::path dir = target.parent_path();
-  if (dir.empty()) dir = ".";
-  removeStaleTemporaries(target);
-  std::optional<fs::path> tmp = writeUnnamed(dir, target, bytes);
-  if (!tmp) tmp = writeNamed(dir, target, bytes);
-  if (::rename(tmp->c_str(), target.c_str()) != 0) {
-    int err = errno;
-    ::unlink(tmp->c_str());
-    fail(path, err);
+UnnamedFile::UnnamedFile(const fs::path& target) : path_(target), target_(followLinks(target)) {
+  const fs::path dir = folderOf(target_);
+  removeStaleTemporaries(target_);
+  fd_ = ::open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
+  if (fd_ < 0) {
+    // Some file systems cannot make unnamed files: name it the old way.
+    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) fail(path_, errno);
+    named_ = tempName(dir, target_);
+    fd_ = ::open(named_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd_ < 0) fail(path_, errno);
   }
-  // The rename itself is durable only once the folder is flushed.
-  int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dfd >= 0) {
-    ::fsync(dfd);
-    ::close(dfd);
+  keepMode(fd_, target_);
+}
+
+UnnamedFile::~UnnamedFile() {
+  if (fd_ >= 0) ::close(fd_);
+  if (!named_.empty()) ::unlink(named_.c_str());
+}
+
+void UnnamedFile::commit(Durability durability) {
+  if (fd_ < 0) fail(path_, EBADF);
+  const fs::path dir = folderOf(target_);
+  // The descriptor is closed on every path, so a failed flush leaks nothing.
+  int err = durability == Durability::flushed && ::fsync(fd_) != 0 ? errno : 0;
+  if (named_.empty() && err == 0) {
+    // linkat cannot replace a file: give the bytes a temporary name, then rename over.
+    named_ = tempName(dir, target_);
+    const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, named_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+      err = errno;
+      if (err == ENOENT || err == EPERM)  // no /proc here
+        err = copyIntoNamed(fd_, named_, durability == Durability::flushed);
+      if (err != 0) named_.clear();
+    }
   }
+  if (::close(fd_) != 0 && err == 0) err = errno;
+  fd_ = -1;
+  if (err != 0) fail(path_, err);  // the destructor unlinks a named temporary
+  if (::rename(named_.c_str(), target_.c_str()) != 0) fail(path_, errno);
+  named_.clear();
+  if (durability == Durability::flushed) {
+    // The rename itself is durable only once the folder is flushed.
+    int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd >= 0) {
+      ::fsync(dfd);
+      ::close(dfd);
+    }
+  }
+}
+
+void writeFileAtomically(const fs::path& path, std::string_view bytes, Durability durability) {
+  UnnamedFile file(path);
+  if (int err = writeAll(file.fd(), bytes)) fail(path, err);
+  file.commit(durability);
 }
 
 std::string readFile(const fs::path& path) {
@@ -200,6 +207,17 @@ FileLock::FileLock(const fs::path& lockPath) {
     ::close(fd_);
     fail(lockPath, err);
   }
+}
+
+bool FileLock::isHeld(const fs::path& lockPath) {
+  const int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  int r;
+  do r = ::flock(fd, LOCK_EX | LOCK_NB);
+  while (r != 0 && errno == EINTR);
+  const bool held = r != 0 && errno == EWOULDBLOCK;
+  ::close(fd);  // releases the lock if we took it
+  return held;
 }
 
 FileLock::~FileLock() {

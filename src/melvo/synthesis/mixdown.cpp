@@ -8,8 +8,11 @@
 #include <cmath>
 #include <memory>
 #include <numbers>
+#include <optional>
 #include <system_error>
 #include <type_traits>
+
+#include "melvo/platform/atomic_file.h"
 
 namespace melvo::mixdown {
 namespace {
@@ -23,16 +26,6 @@ struct SndfileCloser {
   void operator()(SNDFILE* f) const { sf_close(f); }
 };
 using SndfilePtr = std::unique_ptr<SNDFILE, SndfileCloser>;
-
-struct Descriptor {
-  int fd = -1;
-  explicit Descriptor(int d) : fd(d) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd >= 0) ::close(fd);
-  }
-};
 
 struct Input {
   SndfilePtr file;
@@ -69,9 +62,11 @@ void addVoice(float* o, const Sample* s, sf_count_t frames, int channels, PanGai
 }
 
 // Scales the written mix in place, chunk by chunk.
-bool scaleInPlace(const std::filesystem::path& path, float scale) {
+bool scaleInPlace(int fd, float scale) {
   SF_INFO info{};
-  SndfilePtr f(sf_open(path.c_str(), SFM_RDWR, &info));
+  // libsndfile takes the descriptor's offset for the file's start.
+  if (::lseek(fd, 0, SEEK_SET) != 0) return false;
+  SndfilePtr f(sf_open_fd(fd, SFM_RDWR, &info, SF_FALSE));
   if (!f) return false;
   std::vector<float> buf(static_cast<std::size_t>(chunkFrames * info.channels));
   for (sf_count_t pos = 0; pos < info.frames; pos += chunkFrames) {
@@ -153,23 +148,20 @@ MixResult mix(const std::vector<std::filesystem::path>& paths, const std::vector
     in.pcm16 = (in.info.format & SF_FORMAT_SUBMASK) == SF_FORMAT_PCM_16;
   }
 
-  // Written beside the target and renamed at the end, so a failed mix never leaves a torn
-  // mix.wav behind for the player.
-  std::filesystem::path partial = outputPath;
-  partial += ".part";
-  // Declared before `out`, so it is closed after it.
-  const Descriptor file(::open(partial.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (file.fd < 0) return result;
+  // Nameless until it is whole, so neither a failed mix nor a killed process leaves a torn
+  // mix.wav (or any other file) behind for the player.
+  std::optional<UnnamedFile> file;
+  try {
+    file.emplace(outputPath);
+  } catch (const FileError&) {
+    return result;
+  }
   // The samples' blocks reserved in one call (not the header's few bytes, so nothing is left
   // over past the end) rather than page by page as the writes arrive: about a tenth of a mix's
   // time here. Where the file system cannot, the writes allocate as they go.
-  ::fallocate(file.fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length * 2 * sizeof(float)));
-  SndfilePtr out(sf_open_fd(file.fd, SFM_WRITE, &outInfo, SF_FALSE));
-  if (!out) {
-    std::error_code ec;
-    std::filesystem::remove(partial, ec);
-    return result;
-  }
+  ::fallocate(file->fd(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length * 2 * sizeof(float)));
+  SndfilePtr out(sf_open_fd(file->fd(), SFM_WRITE, &outInfo, SF_FALSE));
+  if (!out) return result;
   // No PEAK chunk: libsndfile would scan every written sample again to fill it, and the
   // scaling in place below would leave it stating the peak from before the scaling.
   sf_command(out.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
@@ -198,13 +190,14 @@ MixResult mix(const std::vector<std::filesystem::path>& paths, const std::vector
   out.reset();
   inputs.clear();
 
-  std::error_code ec;
   result.peak = peak;
   result.scale = scaleFor(peak, limit);
-  if (written && result.scale < 1.0f) written = scaleInPlace(partial, result.scale);
-  if (written) std::filesystem::rename(partial, outputPath, ec);
-  if (!written || ec) {
-    std::filesystem::remove(partial, ec);
+  if (written && result.scale < 1.0f) written = scaleInPlace(file->fd(), result.scale);
+  if (!written) return result;
+  try {
+    // Not flushed: the voices it is made of are not either, and a mix is remade from them.
+    file->commit(Durability::unflushed);
+  } catch (const FileError&) {
     return result;
   }
   result.ok = true;

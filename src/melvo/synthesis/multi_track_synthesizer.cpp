@@ -1,13 +1,8 @@
 #include "melvo/synthesis/multi_track_synthesizer.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <system_error>
 
@@ -52,31 +47,12 @@ std::string cutToBytes(std::string s, std::size_t limit) {
   return s;
 }
 
-// The small files of a run folder (scores, the mix recipe) replace their target whole, through
-// a temp file renamed over it, so nobody ever reads half of one. They are not flushed to disk:
-// the voices and the mix beside them are not either, so a flush would not make a run survive a
-// crash, and it costs milliseconds per file on every render. Throws FileError.
+// The small files of a run folder (scores, the mix recipe) replace their target whole, so
+// nobody ever reads half of one. They are not flushed to disk: the voices and the mix beside
+// them are not either, so a flush would not make a run survive a crash, and it costs
+// milliseconds per file on every render. Throws FileError.
 void writeRunFile(const fs::path& path, std::string_view bytes) {
-  const fs::path tmp =
-      path.parent_path() / ("." + path.filename().string() + ".tmp-" + Uuid::random().toString());
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) throw FileError(path.string() + ": " + std::strerror(errno));
-  auto fail = [&](int err) {
-    ::unlink(tmp.c_str());
-    throw FileError(path.string() + ": " + std::strerror(err));
-  };
-  for (std::size_t done = 0; done < bytes.size();) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      const int err = errno;
-      ::close(fd);
-      fail(err);
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  if (::close(fd) != 0) fail(errno);
-  if (::rename(tmp.c_str(), path.c_str()) != 0) fail(errno);
+  writeFileAtomically(path, bytes, Durability::unflushed);
 }
 
 }  // namespace
