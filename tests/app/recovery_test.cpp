@@ -91,10 +91,13 @@ std::pair<int, Json> stopServeWithUnsavedCopy(int signal, AutoSaveSnapshot& copy
   Serve serve = startServe(project);
   if (serve.pid <= 0) return {-1, Json()};
   EventLoop loop(std::make_shared<ManualClock>());
-  AutoSaveManager seeder(loop);
-  seeder.setProject(project.string());
-  if (auto written = seeder.writeSnapshot(songNamed("unsaved work"), std::nullopt, false))
-    copy = *written;
+  {
+    // A run that wrote the copy and ended without settling it, as a crash does.
+    AutoSaveManager seeder(loop);
+    seeder.setProject(project.string());
+    if (auto written = seeder.writeSnapshot(songNamed("unsaved work"), std::nullopt, false))
+      copy = *written;
+  }
   // Were the session to die right now, this copy is what would be offered.
   const bool offeredWhileRunning = AutoSaveManager(loop).findRecoverable().size() == 1;
 
@@ -154,6 +157,35 @@ Json listed(const std::vector<std::string>& env = {}) {
   auto r = test::runMelvo({"snapshots", "list", "--json"}, env);
   EXPECT_EQ(r.status, 0) << r.err;
   return r.status == 0 ? Json::parse(r.out) : Json::array();
+}
+
+// Copies of a run that is still going in another process are its own business; once that
+// process is killed they are a crash's leftovers and on offer.
+TEST(Recovery, ALiveRunsCopiesAreOfferedOnlyAfterItDies) {
+  test::TempHome home;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t run = forkChild([&] {
+    close(fds[0]);
+    EventLoop loop(std::make_shared<ManualClock>());
+    AutoSaveManager manager(loop);
+    manager.writeSnapshot(songNamed("still editing"), std::nullopt, false);
+    (void)!write(fds[1], "w", 1);
+    pause();
+  });
+  close(fds[1]);
+  char c = 0;
+  ASSERT_EQ(read(fds[0], &c, 1), 1);
+  close(fds[0]);
+  EventLoop loop(std::make_shared<ManualClock>());
+  EXPECT_TRUE(AutoSaveManager(loop).findRecoverable().empty());
+  EXPECT_EQ(listed().size(), 0u);
+
+  kill(run, SIGKILL);
+  waitpid(run, nullptr, 0);
+  const auto offered = AutoSaveManager(loop).findRecoverable();
+  ASSERT_EQ(offered.size(), 1u);
+  EXPECT_EQ(offered[0].title, "still editing");
 }
 
 // Whether a copy is newer than its project must not hang on the reader's clock settings.

@@ -172,6 +172,20 @@ AutoSaveManager::AutoSaveManager(EventLoop& loop, fs::path root, fs::path settin
 AutoSaveManager::~AutoSaveManager() {
   alive_.reset();
   if (worker_.joinable()) worker_.join();
+  if (sessionLock_) {
+    // Unlinked before the lock goes, so nobody sees the file of a run that has ended.
+    std::error_code ec;
+    fs::remove(sessionLockPath(sessionId_), ec);
+    sessionLock_.reset();
+  }
+}
+
+fs::path AutoSaveManager::sessionLockPath(const std::string& session) const {
+  return root_ / (".session-" + session + ".lock");
+}
+
+bool AutoSaveManager::sessionRunning(const std::string& session) const {
+  return !session.empty() && FileLock::isHeld(sessionLockPath(session));
 }
 
 fs::path AutoSaveManager::defaultRoot() {
@@ -222,6 +236,17 @@ void AutoSaveManager::setProject(std::optional<std::string> path) {
 AutoSaveManager::WriteJob AutoSaveManager::makeJob(MusicDocument document,
                                                    std::optional<std::string> label, bool manual) {
   keysWritten_.insert(_currentKey);
+  if (!sessionLock_) {
+    try {
+      std::error_code ec;
+      fs::create_directories(root_, ec);
+      sessionLock_ = std::make_unique<FileLock>(sessionLockPath(sessionId_));
+    } catch (const FileError& e) {
+      // Without it another process may offer this run's copies as a crash's: worth a log
+      // line, not worth losing the copy.
+      log::write("AutoSaveManager", std::string("session lock not taken: ") + e.what());
+    }
+  }
   return WriteJob{root_ / _currentKey, std::move(document), std::move(label),        manual,
                   _currentProjectPath, sessionId_,          _settings.maxGenerations};
 }
@@ -477,6 +502,8 @@ std::vector<AutoSaveSnapshot> AutoSaveManager::findRecoverable() const {
     for (auto& s : listFolderAt(entry.path())) {
       // This run's own copies are not leftovers of a crash.
       if (s.manual || s.session == sessionId_ || isSettled(entry.path(), s.session)) continue;
+      // A run still going in another process has not lost anything yet.
+      if (sessionRunning(s.session)) continue;
       newest = std::move(s);
       break;
     }
@@ -494,6 +521,9 @@ std::vector<AutoSaveSnapshot> AutoSaveManager::findRecoverable() const {
 void AutoSaveManager::settleSession(const std::string& key, const std::string& session) {
   const fs::path folder = root_ / key;
   std::error_code ec;
+  // A dead run's lock file has told all it can.
+  if (session != sessionId_ && !session.empty() && !sessionRunning(session))
+    fs::remove(sessionLockPath(session), ec);
   if (isSessionKey(key)) {
     // An unsaved song has no history worth keeping: its automatic copies go.
     for (const auto& s : listFolderAt(folder)) {

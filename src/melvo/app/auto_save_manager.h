@@ -5,7 +5,8 @@
 // Every copy records, beside it, the run (session) that wrote it and its date in UTC. A run
 // that ends cleanly settles its own copies (endCleanly), unless the song still holds unsaved
 // edits; a copy of a run that was never settled is the work of a session that died, and
-// findRecoverable offers it until the user restores or discards it.
+// findRecoverable offers it until the user restores or discards it. A run that is still going
+// (in another process) holds a lock that tells it apart from a dead one.
 //
 // The timer's copies are encoded and written on a worker thread: the main thread only takes
 // the document (a cheap copy-on-write value) and later hears how the write went.
@@ -28,6 +29,8 @@
 #include "melvo/platform/event_loop.h"
 
 namespace melvo {
+
+class FileLock;
 
 struct AutoSaveSettings {
   enum class Interval { off = 0, sec30 = 30, min1 = 60, min3 = 180, min5 = 300, min10 = 600 };
@@ -135,6 +138,8 @@ class AutoSaveManager : public Observable {
   void collect();
   void recordError(const char* reason, const std::string& detail);
   void settleSession(const std::string& key, const std::string& session);
+  std::filesystem::path sessionLockPath(const std::string& session) const;
+  bool sessionRunning(const std::string& session) const;
 
   EventLoop& loop_;
   std::filesystem::path root_;
@@ -148,6 +153,9 @@ class AutoSaveManager : public Observable {
   RepeatingTimer _timer;
   std::set<std::string> keysWritten_;  // what endCleanly has to settle
   std::string sessionId_;
+  // Held from this run's first copy to its end: while it is held, another process knows the
+  // copies are a live run's, not a crashed one's.
+  std::unique_ptr<FileLock> sessionLock_;
   // The worker of the timer's copies and the result it leaves for the main thread.
   std::thread worker_;
   std::mutex pendingMutex_;
