@@ -42,13 +42,18 @@ TEST(UstEncoding, ShiftJISKanaOpensWithoutNoticeAndLegacySetsAreTold) {
   // The same song as UTF-8 reads the same.
   EXPECT_EQ(lyricsOf(USTParser::parseBytes(utf8)), lyricsOf(d));
 
-  // Korean text reads as ideographs in the Chinese set just as well, so only Big5 is told
-  // apart here.
-  for (const char* set : {"Big5"}) {
-    const std::string lyric = "你";
-    const MusicDocument legacy =
-        USTParser::parseBytes(test::encodedAs(test::ustText({{lyric}, {lyric}}), set));
-    EXPECT_EQ(lyricsOf(legacy), (std::vector<std::string>{lyric, lyric})) << set;
+  // The Chinese and Korean sets read each other's bytes as plausible text; a song of either
+  // language must come back in its own.
+  const std::pair<const char*, std::vector<std::string>> songs[] = {
+      {"Big5", {"你", "愛", "我", "的", "夢"}},
+      {"GB18030", {"我", "爱", "你", "的", "心", "月", "亮"}},
+      {"EUC-KR", {"사", "랑", "해", "요", "너", "를", "보", "고", "싶", "어"}},
+  };
+  for (const auto& [set, lyrics] : songs) {
+    std::vector<UstNote> notes;
+    for (const auto& l : lyrics) notes.push_back({l});
+    const MusicDocument legacy = USTParser::parseBytes(test::encodedAs(test::ustText(notes), set));
+    EXPECT_EQ(lyricsOf(legacy), lyrics) << set;
     const ImportNotice* told = noticeOf(legacy, notice_kinds::utauEncodingGuessed);
     ASSERT_NE(told, nullptr) << set;
     EXPECT_EQ(told->places.at(0).text, set);

@@ -56,6 +56,21 @@ struct Fit {
   bool clean = true;
 };
 
+// The legacy Chinese and Korean sets overlap so far that Korean read as Chinese gives
+// common ideographs, and Chinese read as Korean gives syllables. What tells them apart is
+// which reading yields the characters songs are made of: the most frequent syllables of
+// Korean lyrics and the most frequent characters of Chinese ones (both scripts of it).
+bool isFrequentLyricScalar(char32_t c) {
+  static constexpr std::u32string_view kFrequent =
+      U"이다는의에가하고을를지기서사한로도리자어아나시일대인수정보게해주전들그면소상우라만것내오부"
+      U"있요니까네랑마음너날밤별꿈눈물바람늘노래세난또없을잊길속안보여줘워봐요해줘어떻게같은모든"
+      U"的一是不了在人有我他这个们中来上大为和国地到以说时要就出会可也你对生能而子那得于着下自之"
+      U"年过发后作里用道行所然家种事成方多经么去法学如都同现当没动面起看定天分还进好小部其些主样"
+      U"理心她本前开但因只从想实日爱情风梦月花雨夜歌泪春們個這來為國說時會對過發後裡種經麼學現當"
+      U"沒動還進開實從愛夢淚風歡聲誰讓";
+  return kFrequent.find(c) != std::u32string_view::npos;
+}
+
 Fit plausibility(std::string_view s) {
   Fit fit;
   std::size_t pos = 0;
@@ -67,9 +82,11 @@ Fit plausibility(std::string_view s) {
     std::size_t i = 0;
     while (i < lyric.size()) {
       const char32_t c = text::nextScalar(lyric, i);
-      if (c < 0x80 || inKanaRange(c) || (c >= 0xAC00 && c <= 0xD7A3) ||
-          (c >= 0x4E00 && c < 0x8C00) || c == U'強' || c == U'弱' || c == U'息' || c == U'吸' ||
-          c == U'↑' || c == U'↓') {
+      if (isFrequentLyricScalar(c)) {
+        fit.score += 3;
+      } else if (c < 0x80 || inKanaRange(c) || (c >= 0xAC00 && c <= 0xD7A3) ||
+                 (c >= 0x4E00 && c < 0x8C00) || c == U'強' || c == U'弱' || c == U'息' ||
+                 c == U'吸' || c == U'↑' || c == U'↓') {
         fit.score += 1;
       } else if (c >= 0x4E00 && c <= 0x9FFF) {
         // Common ideographs lie low in the block; a wrong decoding scatters over all of it.
