@@ -299,21 +299,21 @@ class Cleaner {
         first.sourcePhonemes.reset();
         first.hasBreathAfter = false;
         first.slurToNext = false;
+        // The parts go after the chord partners at the note's tick: the list stays in time
+        // order, and a partner still sees the note it shares its tick with.
+        std::size_t at = i + 1;
+        while (at < notes.size() && notes[at].tick == n.tick) ++at;
         for (std::int64_t k = 1; k < count; ++k) {
           const std::int64_t tick = addTicks(n.tick, k * each);
           const std::int64_t duration =
               k + 1 == count ? std::max<std::int64_t>(1, end - tick) : each;
           const bool last = k + 1 == count;
-          notes.insert(i + static_cast<std::size_t>(k),
-                       NoteEvent::make(Uuid::random(), tick, duration, n.pitch, n.velocity,
-                                       syl[static_cast<std::size_t>(k)], last && n.slurToNext,
-                                       last && n.hasBreathAfter));
+          notes.insert(at++, NoteEvent::make(Uuid::random(), tick, duration, n.pitch, n.velocity,
+                                             syl[static_cast<std::size_t>(k)], last && n.slurToNext,
+                                             last && n.hasBreathAfter));
         }
         record(kSplit, n, t, n.lyric, joined(syl));
-        i += syl.size() - 1;
       }
-      // The parts went in after the split note, ahead of a chord partner at its tick.
-      sortByTick(notes);
     });
   }
 

@@ -177,6 +177,18 @@ class NoteCheck {
     return *shownText;
   }
 
+  // Whether a rest in this note's place would leave the next note, a lone っ, heading a phrase
+  // right before a note that leans on it: the engine refuses that, so no rest is offered.
+  bool restWouldStrandSokuon() const {
+    if (s + 2 >= sungIdx.size()) return false;
+    const std::size_t j = sungIdx[s + 1], k = sungIdx[s + 2];
+    return line.ends[i] == line.ticks[j] && c.facts[j].onlySokuon &&
+           line.ends[j] == line.ticks[k] && c.facts[k].startsWithSustain;
+  }
+  void offerRest(std::vector<S>& fixes) const {
+    if (!restWouldStrandSokuon()) fixes.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
+  }
+
   // Empty lyric.
   void emptyLyric() {
     if (reported[i] || !(f.emptyTrimmed)) return;
@@ -340,7 +352,7 @@ class NoteCheck {
           suggestion(trf("前の音に足す（「%@」の長さを伸ばす）", {visibleLyric(prev->lyric)}),
                      std::move(join)));
     }
-    row.suggestions.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
+    offerRest(row.suggestions);
     row.suggestions.push_back(suggestion(tr("このまま（歌詞を直す）"), S::KeepAsIs{}));
   }
 
@@ -364,7 +376,7 @@ class NoteCheck {
             fixes.push_back(
                 suggestion(trf("「%@」にする", {*cleaned}), S::SetLyric{std::move(*cleaned)}));
         } else {
-          fixes.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
+          offerRest(fixes);
         }
         break;
       }
@@ -432,7 +444,7 @@ class NoteCheck {
         } else {
           if (prev && prevReadable && !prevStranded && gap == 0)
             fixes.push_back(suggestion(trf("「%@」にする", {"ー"}), S::SetLyric{"ー"}));
-          fixes.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
+          offerRest(fixes);
         }
         break;
       }
@@ -468,7 +480,7 @@ class NoteCheck {
     if (!left.empty() && left != note.lyric)
       row.suggestions.push_back(suggestion(trf("「%@」にする", {left}), S::SetLyric{left}));
     else if (left.empty())
-      row.suggestions.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
+      offerRest(row.suggestions);
   }
 
   // A short rest before the note.
@@ -732,7 +744,7 @@ class NoteCheck {
            "休符にしてください。");
     row.suggestions.push_back(
         suggestion(tr("このまま歌わせる（velocity を 100 にする）"), S::SetVelocity{100}));
-    row.suggestions.push_back(suggestion(tr("休符にする"), S::RemoveNote{}));
+    offerRest(row.suggestions);
   }
 
   // A slur or tie into a note that sings the same syllable again.
