@@ -174,13 +174,17 @@ class Placer {
     std::vector<std::vector<SuggestionAction>> fixes(hits.size());
     std::vector<std::vector<ValidationIssue::NoteLyricEdit>> edits(hits.size());
     std::vector<std::optional<Uuid>> noteOf(hits.size());
+    // Texts of one track come in tick order.
     const auto textAt = [&](std::int64_t t) {
-      return std::any_of(hits.begin(), hits.end(), [&](const TextEvent& h) { return h.tick == t; });
+      auto it = std::lower_bound(hits.begin(), hits.end(), t,
+                                 [](const TextEvent& h, std::int64_t v) { return h.tick < v; });
+      return it != hits.end() && it->tick == t;
     };
     for (std::size_t h = 0; h < hits.size(); ++h) {
       const TextEvent& t = hits[h];
-      auto at = std::find_if(order.begin(), order.end(),
-                             [&](std::size_t i) { return w.notes[i].tick >= t.tick; });
+      auto at =
+          std::lower_bound(order.begin(), order.end(), t.tick,
+                           [&](std::size_t i, std::int64_t v) { return w.notes[i].tick < v; });
       if (at == order.end()) continue;
       const std::int64_t onset = w.notes[*at].tick;
       if (onset != t.tick && textAt(onset)) continue;  // that onset has a text of its own
