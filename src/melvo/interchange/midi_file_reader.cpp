@@ -400,6 +400,9 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
     return &it->second;
   };
   std::vector<const Reading*> readings;  // every event's, in the order of the loops below
+  std::size_t events = 0;
+  for (const RawTrack& t : tracks) events += 1 + t.lyricBytes.size() + t.textBytes.size();
+  readings.reserve(events);
   int utf8Only = 0, sjisOnly = 0;
   const auto vote = [&](std::string_view b) {
     const Reading* r = readingOf(b);
