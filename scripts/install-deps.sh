@@ -13,7 +13,7 @@ packages=(
   libmecab-dev mecab-ipadic-utf8 zlib1g-dev libsndfile1-dev libfluidsynth-dev
   fluid-soundfont-gm libssl-dev uuid-dev libasio-dev libcli11-dev
   # tests and benchmarks
-  libgtest-dev libgmock-dev googletest libbenchmark-dev sox
+  libgtest-dev libgmock-dev googletest libbenchmark-dev sox python3-mido
 )
 
 missing=()

@@ -175,12 +175,28 @@ TEST(MidiReaderFile, ShiftJisAndUtf8LyricsBothReadAsKana) {
               "さくら");
     EXPECT_EQ(findNotice(d, "midiLyricGarbled"), nullptr);
   }
-  // Bytes that neither reads are dropped and counted.
+  // Bytes that neither reads (here Latin-1) are dropped and counted, and the notice shows
+  // them as Latin-1 so that the user can see what to type.
   TrackBytes t;
-  t.sung(0, 60, 480, "\x82\xA0").sung(0, 62, 480, "\xFF\xFE");
+  t.sung(0, 60, 480, "\x82\xA0").sung(240, 62, 480, "caf\xE9");  // after a rest: no melisma
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
   EXPECT_EQ(d.tracks[0].notes[0].lyric, "あ");
-  ASSERT_NE(findNotice(d, "midiLyricUnreadable"), nullptr);
+  EXPECT_EQ(d.tracks[0].notes[1].lyric, "");
+  const ImportNotice* lost = findNotice(d, "midiLyricUnreadable");
+  ASSERT_NE(lost, nullptr);
+  ASSERT_EQ(lost->places.size(), 1u);
+  EXPECT_EQ(lost->places[0].text, "café");
+  EXPECT_EQ(lost->places[0].tick, 720);
+  // A text event can be a lyric only where there are no lyric events: there it counts too.
+  TrackBytes texts;
+  texts.text(0, "\xE0 la caf\xE9").on(0, 60).off(480, 60);
+  const MusicDocument e = MIDIFileParser::parseBytes(test::midiFile({texts}));
+  ASSERT_NE(findNotice(e, "midiLyricUnreadable"), nullptr);
+  EXPECT_EQ(findNotice(e, "midiLyricUnreadable")->places[0].text, "à la café");
+  TrackBytes both;
+  both.text(0, "\xA9 caf\xE9").sung(0, 60, 480, "あ");
+  EXPECT_EQ(findNotice(MIDIFileParser::parseBytes(test::midiFile({both})), "midiLyricUnreadable"),
+            nullptr);
 }
 
 TEST(MidiReaderFile, StopsPastTheNoteLimit) {

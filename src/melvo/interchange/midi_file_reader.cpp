@@ -5,7 +5,6 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <deque>
 #include <random>
 #include <type_traits>
 #include <unordered_map>
@@ -24,6 +23,7 @@ namespace {
 
 using midi::PendingNotice;
 using midi::RawTrack;
+using midi::TextBytes;
 
 const char* failureKey(MIDIFileParser::Failure f) {
   switch (f) {
@@ -133,6 +133,11 @@ class TrackReader {
   RawTrack read(int index, std::size_t chunkOffset) {
     RawTrack track;
     track.index = index;
+    // Room for as many notes as the chunk can hold (6 bytes each at the densest), so that the
+    // list never moves while it grows; pages never written cost nothing.
+    const std::size_t room = std::min(d_.size() / 6 + 1, MIDIFileParser::kNoteLimit + 1);
+    track.notes.reserve(room);
+    track.channels.reserve(room);
     std::size_t pos = 0;
     std::int64_t tick = 0;
     int running = 0;
@@ -233,17 +238,19 @@ class TrackReader {
     const std::int64_t tick = time_.scale(rawTick);
     if (type == 0x90 && b > 0) {
       if (++noteCount_ > MIDIFileParser::kNoteLimit) throw MIDIFileParser::TooManyNotes();
-      open_[ch << 7 | a].push_back(track.notes.size());
-      track.notes.push_back(NoteEvent::make(ids_.next(), tick, 1, a, b));
+      open_[ch << 7 | a].push(track.notes.size());
+      NoteEvent& n = track.notes.emplace_back();
+      n.id = ids_.next();
+      n.tick = std::clamp<std::int64_t>(tick, 0, maxTick);
+      n.pitch = a;
+      n.velocity = b;
       track.channels.push_back(ch);
-      lastOnset_[ch] = tick;
       return;
     }
     if (type == 0x80 || type == 0x90) {
-      auto it = open_.find(ch << 7 | a);
-      if (it == open_.end() || it->second.empty()) return;
-      NoteEvent& n = track.notes[it->second.front()];
-      it->second.pop_front();
+      OpenNotes& open = open_[ch << 7 | a];
+      if (open.empty()) return;
+      NoteEvent& n = track.notes[open.pop()];
       n.duration = std::clamp<std::int64_t>(tick - n.tick, 1, maxTick);
       return;
     }
@@ -270,13 +277,13 @@ class TrackReader {
     const std::int64_t tick = time_.scale(rawTick);
     switch (meta) {
       case 0x01:
-        track.textBytes.push_back({tick, std::string(body), seq_++});
+        track.textBytes.push_back({tick, body, seq_++});
         break;
       case 0x03:
-        if (track.nameBytes.empty()) track.nameBytes = std::string(body);
+        if (track.nameBytes.empty()) track.nameBytes = body;
         break;
       case 0x05:
-        track.lyricBytes.push_back({tick, std::string(body), seq_++});
+        track.lyricBytes.push_back({tick, body, seq_++});
         break;
       case 0x51:
         if (body.size() >= 3 && !time_.smpte) {
@@ -303,8 +310,8 @@ class TrackReader {
   // after a beat.
   void closeOpenNotes(RawTrack& track) {
     std::vector<std::size_t> left;
-    for (auto& [key, queue] : open_)
-      for (std::size_t i : queue) left.push_back(i);
+    for (OpenNotes& queue : open_)
+      while (!queue.empty()) left.push_back(queue.pop());
     if (left.empty()) return;
     std::sort(left.begin(), left.end());
     std::unordered_map<int, std::vector<std::int64_t>> onsets;
@@ -335,8 +342,25 @@ class TrackReader {
   std::size_t& noteCount_;
   int& seq_;
   std::vector<PendingNotice>& pending_;
-  std::unordered_map<int, std::deque<std::size_t>> open_;
-  std::unordered_map<int, std::int64_t> lastOnset_;
+  // Notes still sounding, oldest first, by channel and pitch.
+  class OpenNotes {
+   public:
+    bool empty() const { return head_ == list_.size(); }
+    void push(std::size_t i) { list_.push_back(i); }
+    std::size_t pop() {
+      const std::size_t i = list_[head_++];
+      if (empty()) {
+        list_.clear();
+        head_ = 0;
+      }
+      return i;
+    }
+
+   private:
+    std::vector<std::size_t> list_;
+    std::size_t head_ = 0;
+  };
+  std::vector<OpenNotes> open_ = std::vector<OpenNotes>(16 * 128);
   int rpnMsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127,
                      127, 127, 127, 127, 127, 127, 127, 127};
   int rpnLsb_[16] = {127, 127, 127, 127, 127, 127, 127, 127,
@@ -359,26 +383,33 @@ std::string trimmed(std::string s) {
 }
 
 // One choice between UTF-8 and Shift-JIS for the whole file: events that only one of them
-// reads vote; the winner decodes the events that both read.
+// reads vote; the winner decodes the events that both read. Bytes that neither reads are
+// dropped and counted; the notice shows them as Latin-1, so that what was lost can be seen.
 void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending) {
-  // Lyrics repeat a few syllables many times over: each distinct byte string is tried once.
-  std::unordered_map<std::string_view,
-                     std::pair<std::optional<std::string>, std::optional<std::string>>>
-      tried;
-  const auto both = [&](std::string_view b) -> const auto& {
+  struct Reading {
+    std::optional<std::string> utf8, sjis;
+  };
+  // Lyrics repeat a few syllables many times over: each distinct byte string is tried once,
+  // and each event looks its string up once (nothing for plain ASCII).
+  std::unordered_map<std::string_view, Reading> tried;
+  const auto readingOf = [&](std::string_view b) -> const Reading* {
+    if (isAscii(b)) return nullptr;
     auto it = tried.find(b);
     if (it == tried.end())
-      it = tried.emplace(b, std::pair{charset::decode(b, "UTF-8"), charset::decodeShiftJIS(b)})
-               .first;
-    return it->second;
+      it = tried.emplace(b, Reading{charset::decode(b, "UTF-8"), charset::decodeShiftJIS(b)}).first;
+    return &it->second;
   };
+  std::vector<const Reading*> readings;  // every event's, in the order of the loops below
+  std::size_t events = 0;
+  for (const RawTrack& t : tracks) events += 1 + t.lyricBytes.size() + t.textBytes.size();
+  readings.reserve(events);
   int utf8Only = 0, sjisOnly = 0;
   const auto vote = [&](std::string_view b) {
-    if (isAscii(b)) return;
-    const bool u = both(b).first.has_value();
-    const bool s = both(b).second.has_value();
-    if (u && !s) ++utf8Only;
-    if (s && !u) ++sjisOnly;
+    const Reading* r = readingOf(b);
+    readings.push_back(r);
+    if (!r) return;
+    if (r->utf8 && !r->sjis) ++utf8Only;
+    if (r->sjis && !r->utf8) ++sjisOnly;
   };
   for (const RawTrack& t : tracks) {
     vote(t.nameBytes);
@@ -387,30 +418,35 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
   }
   const bool preferSJIS = sjisOnly > utf8Only;
   const bool settled = utf8Only != sjisOnly;
+  std::size_t next = 0;
   // Nothing when neither reads the bytes; `garbled` when both do and the file did not settle.
   const auto decode = [&](std::string_view b, bool& garbled) -> std::optional<std::string> {
     garbled = false;
-    if (isAscii(b)) return std::string(b);
-    const auto& [u, s] = both(b);
-    if (u && s) {
+    const Reading* r = readings[next++];
+    if (!r) return std::string(b);
+    if (r->utf8 && r->sjis) {
       garbled = !settled;
-      return preferSJIS ? s : u;
+      return preferSJIS ? r->sjis : r->utf8;
     }
-    return u ? u : s;
+    return r->utf8 ? r->utf8 : r->sjis;
+  };
+  const auto unreadable = [&](const TextBytes& e) {
+    pending.push_back({&notice_kinds::midiLyricUnreadable,
+                       std::nullopt,
+                       std::nullopt,
+                       e.tick,
+                       trimmed(charset::decodeLatin1(e.bytes)),
+                       1,
+                       {}});
   };
   for (RawTrack& t : tracks) {
     bool garbled = false;
     t.name = trimmed(decode(t.nameBytes, garbled).value_or(charset::decodeLatin1(t.nameBytes)));
+    t.lyrics.reserve(t.lyricBytes.size());
     for (const auto& e : t.lyricBytes) {
       auto text = decode(e.bytes, garbled);
       if (!text) {
-        pending.push_back({&notice_kinds::midiLyricUnreadable,
-                           std::nullopt,
-                           std::nullopt,
-                           e.tick,
-                           std::nullopt,
-                           1,
-                           {}});
+        unreadable(e);
         continue;
       }
       if (garbled)
@@ -418,9 +454,14 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
             {&notice_kinds::midiLyricGarbled, std::nullopt, std::nullopt, e.tick, *text, 1, {}});
       t.lyrics.push_back({e.tick, std::move(*text), e.seq});
     }
+    // Text events can be lyrics only in a track without lyric events; elsewhere an unreadable
+    // one (a heading, a copyright line) is no loss to the song.
+    const bool mayBeLyrics = t.lyricBytes.empty();
     for (const auto& e : t.textBytes) {
       if (auto text = decode(e.bytes, garbled))
         t.texts.push_back({e.tick, std::move(*text), e.seq});
+      else if (mayBeLyrics)
+        unreadable(e);
     }
     t.karaokeTag = !t.texts.empty() && t.texts.front().text.starts_with("@");
   }

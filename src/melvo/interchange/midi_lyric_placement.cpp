@@ -1,8 +1,9 @@
 #include "melvo/interchange/midi_lyric_placement.h"
 
 #include <algorithm>
+#include <bit>
 #include <map>
-#include <set>
+#include <optional>
 #include <tuple>
 #include <unordered_map>
 
@@ -23,6 +24,29 @@ struct Work {
   bool muted = false;
   int rawIndex = -1;
   std::map<int, ChannelControls> controls;
+};
+
+// A lyric that found its note taken, and the chord's notes at that tick when in a chord.
+struct Overflow {
+  std::size_t pending;
+  Uuid host;
+  std::vector<Uuid> chord;
+  std::int64_t tick;
+  std::string text;
+  int seq;
+  bool inChord;
+};
+
+// A note moved to a second melody's track, and the work track it came from.
+struct BackToOne {
+  std::size_t pending;
+  int origin;
+};
+
+// Where a note is among the final work tracks.
+struct Spot {
+  int work = -1;
+  std::size_t index = 0;
 };
 
 class Placer {
@@ -60,8 +84,9 @@ class Placer {
   }
 
  private:
-  void note(const ImportNoticeKind& kind, int track, const NoteEvent* n, std::int64_t tick,
-            std::optional<std::string> text = std::nullopt, int count = 1) {
+  // Returns the place's index in `pending_`, for fixes settled later.
+  std::size_t note(const ImportNoticeKind& kind, int track, const NoteEvent* n, std::int64_t tick,
+                   std::optional<std::string> text = std::nullopt, int count = 1) {
     pending_.push_back({&kind,
                         track,
                         n ? std::optional<Uuid>(n->id) : std::nullopt,
@@ -69,6 +94,7 @@ class Placer {
                         std::move(text),
                         count,
                         {}});
+    return pending_.size() - 1;
   }
 
   // Karaoke files keep their syllables as text events with "@" headers and "/" or "\" line
@@ -115,20 +141,88 @@ class Placer {
   // a few are headings, kept out with a button that reads them after all.
   void textsAsLyrics(Work& w, const std::vector<TextEvent>& texts, int track) {
     if (texts.empty()) return;
-    const auto on = onsets(w.notes);
+    auto on = onsets(w.notes);
     std::vector<TextEvent> hits;
     for (const TextEvent& t : texts)
       if (aheadDistance(on, t.tick) >= 0 && !t.text.empty() && !t.text.starts_with("@"))
         hits.push_back(t);
     if (hits.empty()) return;
-    std::set<std::int64_t> distinctOnsets(on.begin(), on.end());
-    if (hits.size() * 2 >= distinctOnsets.size()) {
+    const auto distinctOnsets = std::size_t(std::unique(on.begin(), on.end()) - on.begin());
+    if (hits.size() * 2 >= distinctOnsets) {
       w.lyrics = std::move(hits);
       note(nk::karaokeTextLyrics, track, nullptr, w.lyrics.front().tick, std::nullopt,
            int(w.lyrics.size()));
       return;
     }
-    for (const TextEvent& t : hits) note(nk::midiTextNotLyrics, track, nullptr, t.tick, t.text);
+    readTextsButton(w, hits, track);
+  }
+
+  // The button "歌詞として読む": each text goes on the note it stands on, as a lyric event
+  // would (a head within a 32nd after it moves back to it), and lyricless notes that follow
+  // a sung note with no gap become "ー".
+  void readTextsButton(const Work& w, const std::vector<TextEvent>& hits, int track) {
+    std::vector<std::size_t> order(w.notes.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      const NoteEvent &x = w.notes[a], &y = w.notes[b];
+      return x.tick != y.tick ? x.tick < y.tick : x.pitch > y.pitch;
+    });
+    std::vector<std::string> lyric(w.notes.size());
+    std::vector<std::int64_t> tick(w.notes.size());
+    for (std::size_t i = 0; i < w.notes.size(); ++i) tick[i] = w.notes[i].tick;
+    std::vector<int> placeOf(w.notes.size(), -1);  // the text that a note's lyric came from
+    std::vector<std::vector<SuggestionAction>> fixes(hits.size());
+    std::vector<std::vector<ValidationIssue::NoteLyricEdit>> edits(hits.size());
+    std::vector<std::optional<Uuid>> noteOf(hits.size());
+    // Texts of one track come in tick order.
+    const auto textAt = [&](std::int64_t t) {
+      auto it = std::lower_bound(hits.begin(), hits.end(), t,
+                                 [](const TextEvent& h, std::int64_t v) { return h.tick < v; });
+      return it != hits.end() && it->tick == t;
+    };
+    for (std::size_t h = 0; h < hits.size(); ++h) {
+      const TextEvent& t = hits[h];
+      auto at =
+          std::lower_bound(order.begin(), order.end(), t.tick,
+                           [&](std::size_t i, std::int64_t v) { return w.notes[i].tick < v; });
+      if (at == order.end()) continue;
+      const std::int64_t onset = w.notes[*at].tick;
+      if (onset != t.tick && textAt(onset)) continue;  // that onset has a text of its own
+      auto free = std::find_if(at, order.end(), [&](std::size_t i) {
+        return w.notes[i].tick != onset || lyric[i].empty();
+      });
+      if (free == order.end() || w.notes[*free].tick != onset) continue;
+      const NoteEvent& n = w.notes[*free];
+      lyric[*free] = t.text;
+      placeOf[*free] = int(h);
+      noteOf[h] = n.id;
+      edits[h].push_back({n.id, t.text});
+      if (onset != t.tick) {
+        tick[*free] = t.tick;
+        fixes[h].push_back(ValidationIssue::Suggestion::SetTiming{
+            {{n.id, t.tick, std::min(maxTick, n.duration + (onset - t.tick))}}});
+      }
+    }
+    // As the melisma rule: a lyricless note starting where the last sung note ends.
+    std::optional<std::size_t> prev;
+    for (std::size_t i : order) {
+      const NoteEvent& n = w.notes[i];
+      if (prev && lyric[i].empty() && !lyric[*prev].empty() && placeOf[*prev] >= 0 &&
+          tick[i] > tick[*prev] && tick[i] == w.notes[*prev].endTick()) {
+        lyric[i] = "ー";
+        placeOf[i] = placeOf[*prev];
+        edits[std::size_t(placeOf[i])].push_back({n.id, "ー"});
+      }
+      if (!prev || tick[i] != tick[*prev]) prev = i;
+    }
+    for (std::size_t h = 0; h < hits.size(); ++h) {
+      const std::size_t at =
+          note(nk::midiTextNotLyrics, track, nullptr, hits[h].tick, hits[h].text);
+      pending_[at].noteID = noteOf[h];
+      if (edits[h].empty()) continue;
+      fixes[h].insert(fixes[h].begin(), ValidationIssue::Suggestion::SetLyrics{edits[h]});
+      pending_[at].fixes = {std::move(fixes[h])};
+    }
   }
 
   void placeOrphans(std::vector<TextEvent>& orphans) {
@@ -164,8 +258,13 @@ class Placer {
   // track of their own. A draw keeps them together.
   void chooseChannel(int ti) {
     Work& w = tracks_[ti];
-    std::set<int> chans(w.channels.begin(), w.channels.end());
-    if (chans.size() < 2 || w.lyrics.empty()) return;
+    if (w.lyrics.empty()) return;
+    unsigned used = 0;  // a bit per channel
+    for (int ch : w.channels) used |= 1u << (ch & 15);
+    if (std::popcount(used) < 2) return;
+    std::vector<int> chans;
+    for (int ch = 0; ch < 16; ++ch)
+      if (used & (1u << ch)) chans.push_back(ch);
     using Rating = std::tuple<int, int, int>;  // hits, matched, mono
     std::vector<std::pair<Rating, int>> ratings;
     for (int ch : chans) {
@@ -259,19 +358,19 @@ class Placer {
     };
     if (!std::is_sorted(w.lyrics.begin(), w.lyrics.end(), byTickSeq))
       std::stable_sort(w.lyrics.begin(), w.lyrics.end(), byTickSeq);
-    std::vector<std::int64_t> lyricTicks;  // sorted, as the lyrics are
-    lyricTicks.reserve(w.lyrics.size());
-    for (const TextEvent& l : w.lyrics) lyricTicks.push_back(l.tick);
+    // The lyrics are sorted by tick; their texts move onto notes, their ticks stay.
     const auto hasLyricAt = [&](std::int64_t t) {
-      return std::binary_search(lyricTicks.begin(), lyricTicks.end(), t);
+      auto it = std::lower_bound(w.lyrics.begin(), w.lyrics.end(), t,
+                                 [](const TextEvent& l, std::int64_t v) { return l.tick < v; });
+      return it != w.lyrics.end() && it->tick == t;
     };
     auto& notes = w.notes;
-    const auto firstAt = [&](std::int64_t t) {
-      return std::lower_bound(notes.begin(), notes.end(), t,
-                              [](const NoteEvent& n, std::int64_t v) { return n.tick < v; });
-    };
+    // Lyrics come in tick order, so the first note at or after each one only moves forward;
+    // a head pulled back to a lyric never passes an earlier onset, so that stays true.
+    auto cursor = notes.begin();
     for (TextEvent& l : w.lyrics) {
-      auto at = firstAt(l.tick);
+      while (cursor != notes.end() && cursor->tick < l.tick) ++cursor;
+      auto at = cursor;
       if (at != notes.end() && at->tick == l.tick) {
         auto end = at;
         while (end != notes.end() && end->tick == l.tick) ++end;
@@ -280,8 +379,18 @@ class Placer {
           free->lyric = std::move(l.text);
           continue;
         }
-        note(end - at > 1 ? nk::midiLyricOverflowInChord : nk::midiLyricOverflow, ti, &*at, l.tick,
-             l.text);
+        const bool chord = end - at > 1;
+        Overflow o{note(chord ? nk::midiLyricOverflowInChord : nk::midiLyricOverflow, ti, &*at,
+                        l.tick, l.text),
+                   at->id,
+                   {},
+                   l.tick,
+                   l.text,
+                   l.seq,
+                   chord};
+        if (chord)
+          for (auto c = at; c != end; ++c) o.chord.push_back(c->id);
+        overflows_.push_back(std::move(o));
         continue;
       }
       // A note starting just after the lyric is pulled back to it.
@@ -313,7 +422,13 @@ class Placer {
           continue;
         }
         if (!sounding->lyric.empty()) {
-          note(nk::midiLyricOverflow, ti, sounding, l.tick, l.text);
+          overflows_.push_back({note(nk::midiLyricOverflow, ti, sounding, l.tick, l.text),
+                                sounding->id,
+                                {},
+                                l.tick,
+                                l.text,
+                                l.seq,
+                                false});
           continue;
         }
       }
@@ -338,29 +453,38 @@ class Placer {
     if (std::none_of(tracks_[ti].notes.begin(), tracks_[ti].notes.end(),
                      [](const NoteEvent& n) { return !n.lyric.empty(); }))
       return;
-    std::vector<NoteEvent> notes = std::move(tracks_[ti].notes);
-    std::vector<NoteEvent> keep, second, accomp;
+    // The notes that stay are compacted in place: in the usual file none leaves, and moving
+    // every note into a new list would cost more than the rest of the placement.
+    std::vector<NoteEvent>& keep = tracks_[ti].notes;
+    std::vector<NoteEvent> second, accomp;
     // Lyric notes sounding together: the line that starts first (higher at one tick) stays.
     std::int64_t lyricEnd = -1;
     std::int64_t lyricStart = -1;
-    for (NoteEvent& n : notes) {
-      if (!n.lyric.empty()) {
-        if (n.tick < lyricEnd) {
-          second.push_back(std::move(n));
-          continue;
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < keep.size(); ++i) {
+      NoteEvent& n = keep[i];
+      const bool stays = [&] {
+        if (!n.lyric.empty()) {
+          if (n.tick < lyricEnd) {
+            second.push_back(std::move(n));
+            return false;
+          }
+          lyricStart = n.tick;
+          lyricEnd = n.endTick();
+          return true;
         }
-        lyricStart = n.tick;
-        lyricEnd = n.endTick();
-        keep.push_back(std::move(n));
-        continue;
-      }
-      // Lyricless notes starting inside a held lyric note, after its head: an arpeggio.
-      if (n.tick > lyricStart && n.tick < lyricEnd) {
-        accomp.push_back(std::move(n));
-        continue;
-      }
-      keep.push_back(std::move(n));
+        // Lyricless notes starting inside a held lyric note, after its head: an arpeggio.
+        if (n.tick > lyricStart && n.tick < lyricEnd) {
+          accomp.push_back(std::move(n));
+          return false;
+        }
+        return true;
+      }();
+      if (!stays) continue;
+      if (kept != i) keep[kept] = std::move(n);
+      ++kept;
     }
+    keep.erase(keep.begin() + std::ptrdiff_t(kept), keep.end());
     // Lyricless notes right after a sung note extend it; short ones close after it are
     // ornaments.
     const std::int64_t shortNote = std::max<std::int64_t>(1, doc_.ppq / 8);
@@ -392,11 +516,11 @@ class Placer {
       }
     }
     const std::string baseName = tracks_[ti].name;
-    tracks_[ti].notes = std::move(keep);
     if (!second.empty()) {
       std::map<int, int> made;
       Work& s = companion(ti, made, baseName + " 2", false);
-      for (const NoteEvent& n : second) note(nk::midiTwoMelodiesSplit, ti, &n, n.tick, n.lyric);
+      for (const NoteEvent& n : second)
+        backToOne_.push_back({note(nk::midiTwoMelodiesSplit, ti, &n, n.tick, n.lyric), ti});
       s.notes = std::move(second);
     }
     if (!accomp.empty()) {
@@ -421,7 +545,137 @@ class Placer {
     if (mod) note(nk::synthParameters, ti, nullptr, *mod, tr("モジュレーション"));
   }
 
+  // The fixes that depend on the tracks as they end: a lyric without room splits its note,
+  // and a second melody goes back to its track.
+  void settleButtons() {
+    if (overflows_.empty() && backToOne_.empty()) return;
+    int next = 0;
+    for (std::size_t i = 0; i < tracks_.size(); ++i)
+      if (!tracks_[i].notes.empty()) finalIndex_[int(i)] = next++;
+    std::unordered_map<Uuid, Spot> where;
+    for (const Overflow& o : overflows_) {
+      where.emplace(o.host, Spot{});
+      for (const Uuid& id : o.chord) where.emplace(id, Spot{});
+    }
+    for (const BackToOne& b : backToOne_) where.emplace(*pending_[b.pending].noteID, Spot{});
+    for (std::size_t i = 0; i < tracks_.size(); ++i)
+      for (std::size_t k = 0; k < tracks_[i].notes.size(); ++k)
+        if (auto it = where.find(tracks_[i].notes[k].id); it != where.end())
+          it->second = {int(i), k};
+    const auto spotOf = [&](const Uuid& id) -> std::optional<Spot> {
+      auto it = where.find(id);
+      if (it == where.end() || it->second.work < 0 || !finalIndex_.count(it->second.work))
+        return std::nullopt;
+      return it->second;
+    };
+    using S = ValidationIssue::Suggestion;
+    for (const BackToOne& b : backToOne_) {
+      const auto spot = spotOf(*pending_[b.pending].noteID);
+      const auto home = finalIndex_.find(b.origin);
+      if (!spot || home == finalIndex_.end()) continue;
+      const NoteEvent& n = noteAt(*spot);
+      pending_[b.pending].fixes = {
+          {S::RemoveNotes{{n.id}},
+           S::AddNotes{home->second, {{n.tick, n.duration, n.pitch, n.lyric}}}}};
+    }
+    // One fix per note that lyrics overflowed, on its first place: the places of one note
+    // live and die together, and their buttons' actions are joined into one.
+    std::vector<std::vector<const Overflow*>> groups;
+    std::map<std::pair<Uuid, bool>, std::size_t> groupOf;
+    for (const Overflow& o : overflows_) {
+      auto [it, fresh] = groupOf.emplace(std::pair{o.host, o.inChord}, groups.size());
+      if (fresh) groups.emplace_back();
+      groups[it->second].push_back(&o);
+    }
+    for (const auto& group : groups)
+      if (auto fix = splitFix(group, spotOf); !fix.empty())
+        pending_[group.front()->pending].fixes = {std::move(fix)};
+  }
+
+  const NoteEvent& noteAt(const Spot& s) const {
+    return tracks_[std::size_t(s.work)].notes[s.index];
+  }
+
+  // The note is cut at each lyric that had no room, so that every syllable is sung: lyrics
+  // at one tick share its time as short notes, the last one keeping the rest. In a chord the
+  // lyric notes become those short notes, and its lyricless notes go to an accompaniment.
+  template <typename SpotOf>
+  std::vector<SuggestionAction> splitFix(const std::vector<const Overflow*>& group,
+                                         const SpotOf& spotOf) const {
+    using S = ValidationIssue::Suggestion;
+    const Overflow& first = *group.front();
+    const auto hostSpot = spotOf(first.host);
+    if (!hostSpot) return {};
+    const NoteEvent& host = noteAt(*hostSpot);
+    const std::int64_t end = host.endTick();
+    struct Item {
+      std::int64_t tick;
+      std::int64_t order;
+      std::string lyric;
+      int pitch;
+      std::optional<Spot> spot;  // an existing note
+    };
+    std::vector<Item> items;
+    if (first.inChord) {
+      for (std::size_t k = 0; k < first.chord.size(); ++k) {
+        const auto spot = spotOf(first.chord[k]);
+        if (!spot) continue;
+        const NoteEvent& n = noteAt(*spot);
+        if (n.lyric.empty() || n.tick != host.tick) continue;
+        items.push_back({n.tick, std::int64_t(k) - (1 << 30), n.lyric, n.pitch, spot});
+      }
+    } else {
+      items.push_back({host.tick, -(1 << 30), host.lyric, host.pitch, hostSpot});
+    }
+    for (const Overflow* o : group) {
+      if (o->tick < host.tick || o->tick >= end) return {};
+      items.push_back({o->tick, o->seq, o->text, host.pitch, std::nullopt});
+    }
+    std::stable_sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
+      return std::tie(a.tick, a.order) < std::tie(b.tick, b.order);
+    });
+    const int homeTrack = finalIndex_.at(hostSpot->work);
+    S::SetTiming timing;
+    S::RemoveNotes removed;
+    S::AddNotes added{homeTrack, {}};
+    for (std::size_t g = 0; g < items.size();) {
+      std::size_t e = g;
+      while (e < items.size() && items[e].tick == items[g].tick) ++e;
+      const std::int64_t from = items[g].tick;
+      const std::int64_t to = e < items.size() ? items[e].tick : end;
+      const auto parts = std::int64_t(e - g);
+      const std::int64_t shortLength =
+          std::min<std::int64_t>(std::max<std::int64_t>(1, doc_.ppq / 4), (to - from) / parts);
+      if (shortLength < 1) return {};
+      for (std::int64_t r = 0; r < parts; ++r) {
+        const Item& it = items[g + std::size_t(r)];
+        const std::int64_t tick = from + r * shortLength;
+        const std::int64_t length = r + 1 < parts ? shortLength : to - tick;
+        if (it.spot && it.spot->work == hostSpot->work) {
+          timing.edits.push_back({noteAt(*it.spot).id, tick, length});
+        } else {
+          // A lyric note of the chord that went to another track comes back to be sung here.
+          if (it.spot) removed.ids.push_back(noteAt(*it.spot).id);
+          added.notes.push_back({tick, length, it.pitch, it.lyric});
+        }
+      }
+      g = e;
+    }
+    std::vector<SuggestionAction> fix;
+    if (!removed.ids.empty()) fix.emplace_back(std::move(removed));
+    if (!timing.edits.empty()) fix.emplace_back(std::move(timing));
+    if (!added.notes.empty()) fix.emplace_back(std::move(added));
+    if (first.inChord) {
+      S::MoveNotesToNewTrack accomp{{}, tr("伴奏（和音から移した音）")};
+      for (const NoteEvent& n : tracks_[std::size_t(hostSpot->work)].notes)
+        if (n.tick == host.tick && n.lyric.empty()) accomp.ids.push_back(n.id);
+      if (!accomp.ids.empty()) fix.emplace_back(std::move(accomp));
+    }
+    return fix;
+  }
+
   void finish() {
+    settleButtons();
     doc_.tracks.clear();
     // Only the notes that notices name are looked up.
     std::unordered_map<Uuid, int> trackOf;
@@ -466,6 +720,8 @@ class Placer {
   std::vector<Work> tracks_;
   std::map<int, int> finalIndex_;
   std::vector<std::int64_t> karaokeTicks_;
+  std::vector<Overflow> overflows_;
+  std::vector<BackToOne> backToOne_;
 };
 
 }  // namespace

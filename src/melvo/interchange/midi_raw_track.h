@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,9 +22,10 @@ struct TextEvent {
   int seq = 0;  // order in the file, breaks ties between events at one tick
 };
 
+// Points into the file's bytes, which outlive the reading.
 struct TextBytes {
   std::int64_t tick = 0;
-  std::string bytes;
+  std::string_view bytes;
   int seq = 0;
 };
 
@@ -36,7 +38,7 @@ struct ChannelControls {
 struct RawTrack {
   int index = 0;
   std::string name;
-  std::string nameBytes;
+  std::string_view nameBytes;
   std::vector<NoteEvent> notes;  // in order of onset
   std::vector<int> channels;     // in step with notes
   std::vector<TextEvent> lyrics;
