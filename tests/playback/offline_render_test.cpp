@@ -41,12 +41,12 @@ std::vector<double> detectOnsets(const std::vector<float>& stereo) {
   }
   std::vector<double> onsets;
   double lastOnset = -1;
-  for (std::size_t k = 30; k + 3 < energy.size(); ++k) {
+  for (std::size_t k = 0; k + 3 < energy.size(); ++k) {
     const double ahead = energy[k] + energy[k + 1] + energy[k + 2];
-    double before = 1e300;
-    for (std::size_t j = k - 30; j < k; ++j)
+    double before = k == 0 ? 0 : 1e300;  // silence before the file
+    for (std::size_t j = k < 30 ? 0 : k - 30; j < k; ++j)
       before = std::min(before, energy[j] + energy[j + 1] + energy[j + 2]);
-    const double t = static_cast<double>(k) / 1000;
+    const double t = static_cast<double>(k * hop) / kRate;
     if (ahead > 8 * before + 1e-7 && (lastOnset < 0 || t - lastOnset > 0.06)) {
       onsets.push_back(t);
       lastOnset = t;
