@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "melvo/importers/import_entry.h"
+#include "melvo/platform/log.h"
 #include "melvo/playback/offline_render.h"
 #include "melvo/playback/sound_bank.h"
 #include "support/engine_test_support.h"
@@ -75,6 +76,7 @@ class OfflinePreviewTest : public ::testing::Test {
     options.soundBank = *bank;
     options.sampleRate = kRate;
   }
+  log::Capture logged;  // FluidSynth's warnings stay out of the user's log
   std::optional<fs::path> bank;
   OfflinePreview options;
   test::TempDir dir;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "melvo/model/music_document.h"
+#include "melvo/platform/log.h"
 #include "melvo/playback/midi_preview_player.h"
 #include "support/engine_test_support.h"
 
@@ -59,6 +60,7 @@ MusicDocument song(std::vector<NoteEvent> notes) {
 
 class ManualRun : public ::testing::Test {
  protected:
+  log::Capture logged;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
   EventLoop loop{clock};
   std::vector<Played> played;
@@ -235,6 +237,7 @@ TEST_F(ManualRun, EngineIsBuiltOnceAndTakesTheChosenInstrument) {
   counted.onInstrumentChanged = [&](PreviewInstrument i) { stored.push_back(i); };
   const MusicDocument d = song({note(0, 480, 60)});
   EXPECT_EQ(counted.play(d, 0), "no bank");
+  EXPECT_TRUE(logged.contains("[MIDIPreviewPlayer]"));
   EXPECT_FALSE(counted.isSetup());
   EXPECT_FALSE(counted.isPlaying());
   counted.setInstrument(PreviewInstrument::flute);
@@ -269,6 +272,7 @@ TEST_F(ManualRun, MetronomeHearsThePlayheadWithTheFirstTempo) {
 }
 
 TEST(RealTimeRun, ThePollThreadSendsEachNoteNearItsTime) {
+  log::Capture logged;
   EventLoop loop;
   std::vector<Played> played;
   std::mutex mutex;
