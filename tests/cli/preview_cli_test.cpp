@@ -28,9 +28,11 @@ struct Bounded {
   std::string err;
 };
 
-// Runs melvo with extra environment entries, killing it if it outlives `limit`.
+// Runs melvo with extra environment entries, killing it if it outlives `limit`; with
+// `interruptAfter`, sends it SIGINT then, as Ctrl-C would.
 Bounded runWithin(const std::vector<std::string>& args, const std::vector<std::string>& env,
-                  std::chrono::milliseconds limit) {
+                  std::chrono::milliseconds limit,
+                  std::optional<std::chrono::milliseconds> interruptAfter = std::nullopt) {
   test::TempDir scratch;
   const fs::path errPath = scratch / "err";
   posix_spawn_file_actions_t fa;
@@ -53,9 +55,14 @@ Bounded runWithin(const std::vector<std::string>& args, const std::vector<std::s
   posix_spawn_file_actions_destroy(&fa);
   Bounded b;
   if (rc != 0) return b;
-  const auto until = std::chrono::steady_clock::now() + limit;
+  const auto started = std::chrono::steady_clock::now();
+  const auto until = started + limit;
   int status = 0;
   while (::waitpid(pid, &status, WNOHANG) == 0) {
+    if (interruptAfter && std::chrono::steady_clock::now() > started + *interruptAfter) {
+      ::kill(pid, SIGINT);
+      interruptAfter.reset();
+    }
     if (std::chrono::steady_clock::now() > until) {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, &status, 0);
@@ -102,6 +109,37 @@ TEST(PreviewCli, WithoutAnAudioDeviceItSaysSoAndEndsAtOnce) {
   EXPECT_NE(r.err.find("No audio output device"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("--to OUT.wav"), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find("ALSA lib"), std::string::npos) << r.err;
+}
+
+// ALSA's null device takes the sound and drops it: the live path runs as on a machine with a
+// sound card, in real time.
+std::vector<std::string> nullDevice(const test::TempHome& home) {
+  const fs::path conf = home.path() / "asound.conf";
+  test::writeText(conf, "pcm.!default {\n  type null\n}\n");
+  return {"ALSA_CONFIG_PATH=" + conf.string(),
+          "PULSE_SERVER=unix:" + (home.path() / "no-pulse").string(),
+          "PIPEWIRE_REMOTE=" + (home.path() / "no-pipewire").string(),
+          "XDG_RUNTIME_DIR=" + home.path().string()};
+}
+
+TEST(PreviewCli, PlaysALoopTheAskedTimesThenEnds) {
+  test::TempHome home;
+  // Two runs through the first beat (0.79 s at 76 bpm).
+  const auto r =
+      runWithin({"preview", kExample, "--loop", "0t:480t", "--times", "2"}, nullDevice(home), 30s);
+  ASSERT_TRUE(r.finished) << r.err;
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("Playing"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("bar 1"), std::string::npos) << r.err;
+}
+
+TEST(PreviewCli, CtrlCStopsAnEndlessLoopAtOnce) {
+  test::TempHome home;
+  const auto started = std::chrono::steady_clock::now();
+  const auto r = runWithin({"preview", kExample, "--loop", "1:2"}, nullDevice(home), 30s, 1500ms);
+  ASSERT_TRUE(r.finished) << r.err;
+  EXPECT_EQ(r.status, 128 + SIGINT) << r.err;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
 }
 
 TEST(PreviewCli, WithoutTheSoundBankItNamesThePackage) {
