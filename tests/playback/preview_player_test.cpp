@@ -110,7 +110,9 @@ TEST_F(ManualRun, ClocksAgreeWithTheSongAcrossTempoChanges) {
   ASSERT_FALSE(player.play(d, 700));
   for (std::int64_t t : {0, 240, 480, 1000, 1920, 1921, 4999, 5000, 9000}) {
     EXPECT_NEAR(player.seconds(t), d.seconds(t), 1e-9) << t;
-    if (t >= 700) EXPECT_EQ(player.tick(player.seconds(t) - player.seconds(700)), t) << t;
+    if (t >= 700) {
+      EXPECT_EQ(player.tick(player.seconds(t) - player.seconds(700)), t) << t;
+    }
   }
 }
 
