@@ -328,7 +328,8 @@ struct McpBridge::Impl {
     if (method == "tools/list") {
       McpJSON tools = toolList();
       if (fixtures_) {
-        for (const auto& t : fixtureTools().asArray()) tools.push(t);
+        const McpJSON fixtures = fixtureTools();
+        for (const auto& t : fixtures.asArray()) tools.push(t);
       }
       return rpcResult(id, McpJSON::Object{{"tools", std::move(tools)}});
     }

@@ -5,11 +5,12 @@
 # The npm packages come from this folder's lockfile, installed once into NODE_DIR (in the build
 # tree). Exit 77 (skipped) only when node or npm is missing.
 set -euo pipefail
-mode=$1 melvo=$2 node_dir=$3
+mode=$1
 here=$(cd "$(dirname "$0")" && pwd)
 command -v node >/dev/null && command -v npm >/dev/null || { echo "npm is not installed: skipped"; exit 77; }
-
-mkdir -p "$node_dir"
+melvo=$(realpath "$2")
+mkdir -p "$3"
+node_dir=$(realpath "$3")
 (
   # Both tests may start at once: one installs, the other waits for it.
   flock 9

@@ -119,10 +119,13 @@ McpHost makeAppHost(AppState& app) {
     static const MixdownKind kinds[] = {MixdownKind::allTracks, MixdownKind::selectedTrack,
                                         MixdownKind::rangeAllTracks,
                                         MixdownKind::rangeSelectedTrack};
-    state->running = true;  // before the start: a refusal or a quick end must be seen
+    // Running before the start, so that a quick end is seen; a start refused at once leaves
+    // the last run's state as it was (its refusal must not pass for that run's end).
+    const SingState before = *state;
+    state->running = true;
     state->outcome.reset();
     if (auto refusal = app.startSynthesis(kinds[static_cast<int>(scope)])) {
-      state->running = false;
+      *state = before;
       return refusal;
     }
     state->started = true;
