@@ -124,6 +124,29 @@ void BM_SummaryRoundTrip(benchmark::State& state) {
   port.stop();
 }
 
+// The command alone, without socket or hop: what of the round trip is the work itself.
+void BM_SummaryInProcess(benchmark::State& state) {
+  Home home;
+  EventLoop loop;
+  AppState app(loop);
+  app.pianoRollVM().swapDocument(song(), std::nullopt);
+  McpCommandLayer layer(makeAppHost(app));
+  const std::string line = kRequest.substr(0, kRequest.size() - 1);
+  std::vector<double> micros;
+  micros.reserve(kCalls);
+  for (auto _ : state) {
+    for (int i = 0; i < kCalls; ++i) {
+      const auto t0 = std::chrono::steady_clock::now();
+      benchmark::DoNotOptimize(layer.handleLine(line));
+      micros.push_back(
+          std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count());
+    }
+  }
+  std::sort(micros.begin(), micros.end());
+  state.counters["p50_us"] = micros[micros.size() / 2];
+  state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+}
+
 // The floor: a thread that reads a line and writes it back, nothing else.
 void BM_BareSocketEcho(benchmark::State& state) {
   Home home;
@@ -161,6 +184,7 @@ void BM_BareSocketEcho(benchmark::State& state) {
 
 BENCHMARK(BM_BareSocketEcho)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SummaryRoundTrip)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SummaryInProcess)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace melvo
