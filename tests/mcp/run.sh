@@ -6,8 +6,8 @@
 # tree). Exit 77 (skipped) only when node or npm is missing.
 set -euo pipefail
 mode=$1
-here=$(cd "$(dirname "$0")" && pwd)
 command -v node >/dev/null && command -v npm >/dev/null || { echo "npm is not installed: skipped"; exit 77; }
+here=$(cd "$(dirname "$0")" && pwd)
 melvo=$(realpath "$2")
 mkdir -p "$3"
 node_dir=$(realpath "$3")
