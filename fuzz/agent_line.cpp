@@ -41,6 +41,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t chunk = 1 + data[0] % 64;
   std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
   melvo::McpMemoryHost memory(smallSong());
+  // A rendered curve with an unvoiced gap, so the pitch commands have something to edit.
+  melvo::PitchCurve curve;
+  curve.frequencies.assign(800, 261.6f);
+  for (std::size_t i = 300; i < 340; ++i) curve.frequencies[i] = 0;
+  memory.setPitch(curve);
   melvo::McpCommandLayer layer(memory.host());
   melvo::McpLineBuffer lines;
   lines.maxLineBytes = 4096;  // small, so the fuzzer reaches the long-line path

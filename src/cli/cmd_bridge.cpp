@@ -21,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include "cli/bridge.h"
 #include "cli/command.h"
 #include "melvo/agent/mcp_command_layer.h"
 #include "melvo/agent/mcp_json.h"
@@ -33,9 +34,28 @@ namespace {
 constexpr const char* kProtocolVersion = "2025-06-18";
 constexpr const char* kKnownVersions[] = {"2025-06-18", "2025-03-26", "2024-11-05"};
 
+// The tools the protocol's conformance suite calls by name. Offered only when asked for
+// (--conformance-fixtures), so that the suite can check how a tool's text and error results
+// travel; an agent never sees them.
+McpJSON fixtureTools() {
+  McpJSON tools = McpJSON::array();
+  auto noArgs = [] {
+    return McpJSON(McpJSON::Object{{"properties", McpJSON::object()}, {"type", "object"}});
+  };
+  tools.push(McpJSON::Object{{"description", "Conformance fixture: a plain text result."},
+                             {"inputSchema", noArgs()},
+                             {"name", "test_simple_text"}});
+  tools.push(McpJSON::Object{{"description", "Conformance fixture: always a tool error."},
+                             {"inputSchema", noArgs()},
+                             {"name", "test_error_handling"}});
+  return tools;
+}
+
 struct Options {
   std::string socket;
   double waitSeconds = 30;
+  std::string http;
+  bool fixtures = false;
 };
 
 // MCP clients expect tool names of letters, digits, "_" and "-": "track.notes" is offered as
@@ -248,10 +268,12 @@ McpJSON textResult(const std::string& text, bool isError, std::optional<McpJSON>
   return r;
 }
 
-class Bridge {
- public:
-  explicit Bridge(const Options& o)
-      : port_(o.socket.empty() ? paths::socketPath().string() : o.socket, o.waitSeconds) {}
+}  // namespace
+
+struct McpBridge::Impl {
+  Impl(const std::string& socket, double waitSeconds, bool fixtures)
+      : port_(socket.empty() ? paths::socketPath().string() : socket, waitSeconds),
+        fixtures_(fixtures) {}
 
   // The answer to one message, or nothing for a notification.
   std::optional<McpJSON> handle(const std::string& line) {
@@ -282,7 +304,6 @@ class Bridge {
     return call(*id, method->asString(), params ? *params : kNoParams);
   }
 
- private:
   McpJSON call(const McpJSON& id, const std::string& method, const McpJSON& params) {
     if (method == "initialize") {
       std::string version = kProtocolVersion;
@@ -304,7 +325,14 @@ class Bridge {
               {"serverInfo", McpJSON::Object{{"name", "melvo"}, {"version", MELVO_VERSION}}}});
     }
     if (method == "ping") return rpcResult(id, McpJSON::object());
-    if (method == "tools/list") return rpcResult(id, McpJSON::Object{{"tools", toolList()}});
+    if (method == "tools/list") {
+      McpJSON tools = toolList();
+      if (fixtures_) {
+        const McpJSON fixtures = fixtureTools();
+        for (const auto& t : fixtures.asArray()) tools.push(t);
+      }
+      return rpcResult(id, McpJSON::Object{{"tools", std::move(tools)}});
+    }
     if (method == "tools/call") return toolCall(id, params);
     return rpcError(id, -32601, "Method not found: " + method);
   }
@@ -312,6 +340,14 @@ class Bridge {
   McpJSON toolCall(const McpJSON& id, const McpJSON& params) {
     const McpJSON* name = params.find("name");
     if (!name || !name->isString()) return rpcError(id, -32602, "tools/call needs a tool name");
+    if (fixtures_ && name->asString() == "test_simple_text") {
+      return rpcResult(
+          id, textResult("This is a simple text response for testing.", false, std::nullopt));
+    }
+    if (fixtures_ && name->asString() == "test_error_handling") {
+      return rpcResult(id, textResult("This tool intentionally returns an error for testing", true,
+                                      std::nullopt));
+    }
     const auto* command = commandOfTool(name->asString());
     if (!command) return rpcError(id, -32602, "Unknown tool: " + name->asString());
     const McpJSON* arguments = params.find("arguments");
@@ -349,12 +385,24 @@ class Bridge {
   }
 
   PortConnection port_;
+  bool fixtures_;
   std::uint64_t seq_ = 0;
 };
 
+McpBridge::McpBridge(const std::string& socket, double waitSeconds, bool fixtures)
+    : impl_(std::make_unique<Impl>(socket, waitSeconds, fixtures)) {}
+McpBridge::~McpBridge() = default;
+
+std::optional<McpJSON> McpBridge::handle(const std::string& line) {
+  return impl_->handle(line);
+}
+
+namespace {
+
 int bridge(const Options& o) {
   std::signal(SIGPIPE, SIG_IGN);
-  Bridge b(o);
+  McpBridge b(o.socket, o.waitSeconds, o.fixtures);
+  if (!o.http.empty()) return serveHttp(b, o.http);
   std::string line;
   while (std::getline(std::cin, line)) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -379,6 +427,11 @@ const bool registered = registerCommand(
                       tr("AI の口のソケット（既定は melvo serve と同じ場所）"));
        sub.add_option("--wait", opts->waitSeconds, tr("口が開くのを待つ秒数"))
            ->check(CLI::Range(0.0, 3600.0));
+       sub.add_option(
+           "--http", opts->http,
+           tr("標準入出力の代わりに HTTP で受ける所（127.0.0.1:PORT など、ループバックだけ）"));
+       sub.add_flag("--conformance-fixtures", opts->fixtures,
+                    tr("適合試験が呼ぶ見本の道具も出す（試験のためだけ）"));
        return [opts] { return bridge(*opts); };
      }});
 

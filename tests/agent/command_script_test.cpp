@@ -2,6 +2,8 @@
 // of a running program (AppState behind a real socket). "> " lines are sent; the next "< "
 // line is the exact answer, "<~ " a part of it. Every script starts from a new empty song in
 // a new home; "$HOME" stands for that folder, "$JHOME" for it as an answer writes it.
+// "@engine" gives the program the stand-in engine; "@until TEXT > REQUEST" sends the request
+// every 100 ms until its answer holds TEXT (a minute at most), for polling a render.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -14,6 +16,7 @@
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/paths.h"
+#include "support/engine_test_support.h"
 #include "support/test_support.h"
 
 namespace melvo {
@@ -68,7 +71,29 @@ void runScript(const std::filesystem::path& script) {
     for (std::string::size_type p; (p = line.find("$HOME")) != std::string::npos;) {
       line.replace(p, 5, program.home.path().string());
     }
-    if (line.rfind("> ", 0) == 0) {
+    if (line == "@engine") {
+      std::promise<void> set;
+      program.loop.post([&] {
+        NEUTRINOConfig c;
+        c.neutrinoDirectory = test::standInEngine().string();
+        c.numThreads = 1;
+        program.app.setConfig(c);
+        set.set_value();
+      });
+      set.get_future().wait();
+    } else if (line.rfind("@until ", 0) == 0) {
+      const auto split = line.find(" > ");
+      ASSERT_NE(split, std::string::npos) << where;
+      const std::string awaited = line.substr(7, split - 7);
+      sent = line.substr(split + 3);
+      const auto until = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+      do {
+        if (!answer.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        answer = client.call(sent);
+      } while (answer.find(awaited) == std::string::npos &&
+               std::chrono::steady_clock::now() < until);
+      EXPECT_NE(answer.find(awaited), std::string::npos) << where << "\n  got: " << answer;
+    } else if (line.rfind("> ", 0) == 0) {
       sent = line.substr(2);
       client.send(sent + "\n");
       answer = client.readLine().value_or("<no answer>");
@@ -90,7 +115,7 @@ TEST_P(CommandScript, AnswersAsWritten) {
 INSTANTIATE_TEST_SUITE_P(Scripts, CommandScript,
                          ::testing::Values("frame.txt", "read.txt", "notes.txt", "lyrics.txt",
                                            "velocity_mix.txt", "undo.txt", "issues.txt",
-                                           "files.txt", "selection.txt", "sing.txt"),
+                                           "files.txt", "selection.txt", "sing.txt", "pitch.txt"),
                          [](const auto& info) {
                            std::string n = info.param.substr(0, info.param.find('.'));
                            return n;

@@ -8,6 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -188,6 +192,114 @@ TEST(BridgeCli, ToolCallWithoutAProgramSaysHowToStartOne) {
       bridge, R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"history_read"}})");
   EXPECT_EQ(r.find("result")->find("isError")->asBool(), true);
   EXPECT_NE(toolText(r).find("melvo serve --agent"), std::string::npos);
+}
+
+// One HTTP/1.1 exchange on a fresh connection: the status line's code, the headers as sent,
+// and the body.
+struct HttpAnswer {
+  int status = 0;
+  std::string headers;
+  std::string body;
+  std::string header(const std::string& name) const {
+    const auto at = headers.find("\r\n" + name + ": ");
+    if (at == std::string::npos) return {};
+    const auto from = at + name.size() + 4;
+    return headers.substr(from, headers.find("\r\n", from) - from);
+  }
+};
+
+HttpAnswer http(int port, const std::string& method, const std::string& body,
+                const std::vector<std::string>& extra = {}, const std::string& host = "") {
+  HttpAnswer a;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<std::uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(fd);
+    return a;
+  }
+  std::string req = method + " /mcp HTTP/1.1\r\nHost: " +
+                    (host.empty() ? "127.0.0.1:" + std::to_string(port) : host) +
+                    "\r\nConnection: close\r\n";
+  if (method == "POST") {
+    req += "Content-Type: application/json\r\nAccept: application/json, text/event-stream\r\n";
+  }
+  for (const auto& h : extra) req += h + "\r\n";
+  req += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  EXPECT_EQ(::send(fd, req.data(), req.size(), MSG_NOSIGNAL), static_cast<ssize_t>(req.size()));
+  std::string all;
+  char chunk[4096];
+  for (ssize_t n; (n = ::recv(fd, chunk, sizeof chunk, 0)) > 0;) all.append(chunk, n);
+  ::close(fd);
+  const auto split = all.find("\r\n\r\n");
+  if (all.size() < 12 || split == std::string::npos) return a;
+  a.status = std::stoi(all.substr(9, 3));
+  a.headers = all.substr(0, split + 2);
+  a.body = all.substr(split + 4);
+  return a;
+}
+
+TEST(BridgeHttp, RefusesToListenBeyondLoopback) {
+  test::TempHome home;
+  for (const char* where : {"0.0.0.0:0", "192.0.2.1:8080", "[::]:0", "127.0.0.1", "host:80"}) {
+    Child bridge({"bridge", "--http", where}, home.path() / "bridge.err");
+    EXPECT_EQ(bridge.wait(std::chrono::seconds(10)), 2) << where;
+  }
+}
+
+TEST(BridgeHttp, SessionsHostChecksAndForwarding) {
+  test::TempHome home;
+  Child serve({"serve", "--agent"}, home.path() / "serve.err");
+  Child bridge({"bridge", "--http", "127.0.0.1:0", "--wait", "30"}, home.path() / "bridge.err");
+  auto url = bridge.readLine(std::chrono::seconds(10));
+  ASSERT_TRUE(url);
+  const int port = std::stoi(url->substr(url->rfind(':') + 1));
+  EXPECT_EQ(*url, "http://127.0.0.1:" + std::to_string(port) + "/mcp");
+
+  const std::string init =
+      R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18","capabilities":{},"clientInfo":{"name":"t","version":"1"}}})";
+  // A page whose name was rebound to 127.0.0.1 carries its own Host or Origin.
+  EXPECT_EQ(http(port, "POST", init, {}, "evil.example.com").status, 403);
+  EXPECT_EQ(http(port, "POST", init, {"Origin: http://evil.example.com"}).status, 403);
+  EXPECT_EQ(http(port, "POST", init, {"Origin: http://localhost:3000"}, "localhost").status, 200);
+
+  HttpAnswer first = http(port, "POST", init);
+  ASSERT_EQ(first.status, 200);
+  EXPECT_EQ(first.header("Content-Type"), "application/json");
+  const std::string session = first.header("Mcp-Session-Id");
+  ASSERT_FALSE(session.empty());
+  EXPECT_EQ(Json::parse(first.body).find("result")->find("protocolVersion")->asString(),
+            "2025-06-18");
+
+  const std::string sid = "Mcp-Session-Id: " + session;
+  const std::string list = R"({"jsonrpc":"2.0","id":2,"method":"tools/list"})";
+  EXPECT_EQ(http(port, "POST", list).status, 400);  // no session
+  EXPECT_EQ(http(port, "POST", list, {"Mcp-Session-Id: nobody"}).status, 404);
+  EXPECT_EQ(http(port, "POST", list, {sid, "MCP-Protocol-Version: 1999-01-01"}).status, 400);
+  EXPECT_EQ(
+      http(port, "POST", R"({"jsonrpc":"2.0","method":"notifications/initialized"})", {sid}).status,
+      202);
+  EXPECT_EQ(http(port, "POST", "{oops", {sid}).status, 400);
+  EXPECT_EQ(http(port, "GET", "", {sid}).status, 405);
+
+  HttpAnswer called = http(
+      port, "POST",
+      R"({"jsonrpc":"2.0","id":3,"method":"tools/call","params":{"name":"notes_add","arguments":{"track":0,"notes":[{"tick":0,"duration":480,"pitch":60}]}}})",
+      {sid, "MCP-Protocol-Version: 2025-06-18"});
+  ASSERT_EQ(called.status, 200) << called.body;
+  const Json answer = Json::parse(called.body);
+  EXPECT_EQ(answer.find("id")->asInt(), 3);
+  EXPECT_EQ(answer.find("result")->find("structuredContent")->find("changed")->asInt(), 1)
+      << called.body;
+
+  // Ending the session: later requests of it are unknown.
+  EXPECT_EQ(http(port, "DELETE", "", {sid}).status, 200);
+  EXPECT_EQ(http(port, "POST", list, {sid}).status, 404);
+
+  ::kill(bridge.pid(), SIGTERM);
+  EXPECT_EQ(bridge.wait(std::chrono::seconds(10)), 0);
 }
 
 }  // namespace

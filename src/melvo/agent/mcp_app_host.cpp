@@ -53,6 +53,24 @@ McpHost makeAppHost(AppState& app) {
   h.commit = [&vm](const std::string& label, const McpHost::Change& change) {
     vm.commit(label, change);
   };
+  h.pitch = [&vm]() -> std::optional<McpPitch> {
+    if (!vm.editedPitchCurve()) return std::nullopt;
+    McpPitch p;
+    p.edited = *vm.editedPitchCurve();
+    p.original = vm.originalPitchCurve().value_or(p.edited);
+    p.trackID = vm.pitchCurveTrackID();
+    p.transposeSemitones = vm.f0TransposeSemitones();
+    // The engine's clock runs ahead of the song by the rest bar it put in front, if any.
+    const MusicDocument& d = vm.document();
+    double lead = vm.f0DisplayOffsetSec();
+    if (!vm.lastSynthesisLogMapping().empty()) lead += d.seconds(d.tickOfBarCount(1));
+    p.seconds = [d, lead](std::int64_t tick) { return d.seconds(tick) + lead; };
+    return p;
+  };
+  h.commitPitch = [&vm](const std::string& label, PitchCurve edited) {
+    vm.pushF0Undo(label);
+    vm.setEditedPitchCurve(std::move(edited));
+  };
   h.timing = [&vm]() -> std::optional<McpTiming> {
     if (!vm.phonemes()) return std::nullopt;
     return McpTiming{*vm.phonemes(), vm.f0DisplayOffsetSec()};
@@ -101,10 +119,13 @@ McpHost makeAppHost(AppState& app) {
     static const MixdownKind kinds[] = {MixdownKind::allTracks, MixdownKind::selectedTrack,
                                         MixdownKind::rangeAllTracks,
                                         MixdownKind::rangeSelectedTrack};
-    state->running = true;  // before the start: a refusal or a quick end must be seen
+    // Running before the start, so that a quick end is seen; a start refused at once leaves
+    // the last run's state as it was (its refusal must not pass for that run's end).
+    const SingState before = *state;
+    state->running = true;
     state->outcome.reset();
     if (auto refusal = app.startSynthesis(kinds[static_cast<int>(scope)])) {
-      state->running = false;
+      *state = before;
       return refusal;
     }
     state->started = true;

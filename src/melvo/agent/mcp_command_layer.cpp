@@ -251,6 +251,12 @@ McpJSON notesVelocity(Context& c);
 McpJSON trackMix(Context& c);
 McpJSON issuesApply(Context& c);
 McpJSON timingMove(Context& c);
+McpJSON pitchSummary(Context& c);
+McpJSON pitchVibrato(Context& c);
+McpJSON pitchSmooth(Context& c);
+McpJSON pitchFlatten(Context& c);
+McpJSON pitchReset(Context& c);
+McpJSON pitchDraw(Context& c);
 McpJSON undoRedo(Context& c, bool redo);
 }  // namespace mcp
 
@@ -632,6 +638,62 @@ const std::vector<Entry>& table() {
        true,
        hostHas<&McpHost::commit>,
        N_("この口では曲を直せません")},
+      {{"pitch.summary",
+        K::read,
+        {"indices", "fromTick", "toTick"},
+        "The rendered pitch curve: frame interval, transpose, range in semitones, and per note of "
+        "the rendered track how far the sung pitch (median) lies from the written one (centsOff). "
+        "Optionally limited to note indices or a tick range."},
+       mcp::pitchSummary,
+       true,
+       hostHas<&McpHost::pitch>,
+       N_("この口では曲線を直せません")},
+      {{"pitch.vibrato",
+        K::edit,
+        {"indices", "fromTick", "toTick", "depthCents", "rateHz", "delaySec"},
+        "Add vibrato to the curve over note indices or a tick range: depthCents 0..300, rateHz "
+        "1..12 (5.5), delaySec 0..5 from each note's start (0). Unvoiced frames stay unvoiced.",
+        {"depthCents"}},
+       mcp::pitchVibrato,
+       true,
+       hostHas<&McpHost::commitPitch>,
+       N_("この口では曲線を直せません")},
+      {{"pitch.smooth",
+        K::edit,
+        {"indices", "fromTick", "toTick", "windowSec"},
+        "Smooth the curve over note indices or a tick range: a moving mean of windowSec 0.01..1 "
+        "(0.1) within each voiced stretch."},
+       mcp::pitchSmooth,
+       true,
+       hostHas<&McpHost::commitPitch>,
+       N_("この口では曲線を直せません")},
+      {{"pitch.flatten",
+        K::edit,
+        {"indices", "fromTick", "toTick", "amount"},
+        "Pull the curve toward the written pitch of the notes under it (elsewhere the range's "
+        "median) by amount 0..1 (1: level)."},
+       mcp::pitchFlatten,
+       true,
+       hostHas<&McpHost::commitPitch>,
+       N_("この口では曲線を直せません")},
+      {{"pitch.reset",
+        K::edit,
+        {"indices", "fromTick", "toTick"},
+        "Put the curve back as the engine rendered it over note indices or a tick range."},
+       mcp::pitchReset,
+       true,
+       hostHas<&McpHost::commitPitch>,
+       N_("この口では曲線を直せません")},
+      {{"pitch.draw",
+        K::edit,
+        {"points"},
+        "Draw the curve through points [{tick, pitch}] (ticks rising, pitch 0..127 in semitones, "
+        "fractions allowed), straight between them; unvoiced frames stay unvoiced.",
+        {"points"}},
+       mcp::pitchDraw,
+       true,
+       hostHas<&McpHost::commitPitch>,
+       N_("この口では曲線を直せません")},
       {{"timing.read",
         K::read,
         {"fromTick", "toTick", "offset", "limit"},

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "melvo/editing/phoneme_list.h"
+#include "melvo/editing/pitch_curve.h"
 #include "melvo/model/music_document.h"
 #include "melvo/model/validation_issue.h"
 #include "melvo/platform/json.h"
@@ -35,6 +36,16 @@ struct McpTiming {
   double offsetSec = 0;
 };
 
+// The pitch curve of the last render: as drawn now and as the engine made it, the track it
+// was made for, and the curve's clock for a tick of the song.
+struct McpPitch {
+  PitchCurve edited;
+  PitchCurve original;
+  std::optional<Uuid> trackID;
+  int transposeSemitones = 0;
+  std::function<double(std::int64_t tick)> seconds;
+};
+
 enum class McpSingScope { all, track, range, rangeTrack };
 
 struct McpHost {
@@ -51,6 +62,9 @@ struct McpHost {
   std::function<std::optional<std::string>(const std::string& path)> save;
   // One undo step named `label`.
   std::function<void(const std::string& label, const Change& change)> commit;
+  std::function<std::optional<McpPitch>()> pitch;
+  // One undo step of the curve (not of the song).
+  std::function<void(const std::string& label, PitchCurve edited)> commitPitch;
   std::function<std::optional<McpTiming>()> timing;
   // One undo step of the timing (not of the song).
   std::function<void(const std::string& label, PhonemeList phonemes)> commitTiming;

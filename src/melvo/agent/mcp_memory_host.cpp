@@ -22,6 +22,17 @@ McpHost McpMemoryHost::host() {
     timingUndo_.emplace_back(label, *timing_);
     timing_ = std::move(phonemes);
   };
+  h.pitch = [this]() -> std::optional<McpPitch> {
+    if (!pitch_) return std::nullopt;
+    McpPitch p{*pitch_, *pitch_, std::nullopt, 0, nullptr};
+    if (!document_.tracks.empty()) p.trackID = document_.tracks[0].id;
+    p.seconds = [this](std::int64_t tick) { return document_.seconds(tick); };
+    return p;
+  };
+  h.commitPitch = [this](const std::string& label, PitchCurve edited) {
+    pitchUndo_.emplace_back(label, *pitch_);
+    pitch_ = std::move(edited);
+  };
   h.issues = [this] {
     std::vector<Uuid> sung;
     for (int i : document_.voicedTrackIndices(false)) sung.push_back(document_.tracks[i].id);

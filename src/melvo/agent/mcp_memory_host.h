@@ -21,6 +21,8 @@ class McpMemoryHost {
   const MusicDocument& document() const { return document_; }
   // A render's timing, as if one had run.
   void setTiming(PhonemeList phonemes) { timing_ = std::move(phonemes); }
+  // A render's pitch curve, for a song whose first track was sung, clocked by the tempo map.
+  void setPitch(PitchCurve curve) { pitch_ = std::move(curve); }
 
  private:
   MusicDocument document_;
@@ -30,6 +32,8 @@ class McpMemoryHost {
   bool dirty_ = false;
   std::optional<PhonemeList> timing_;
   std::vector<std::pair<std::string, PhonemeList>> timingUndo_;
+  std::optional<PitchCurve> pitch_;
+  std::vector<std::pair<std::string, PitchCurve>> pitchUndo_;
 };
 
 }  // namespace melvo
