@@ -21,6 +21,7 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "melvo/checking/lyric_rules.h"
 #include "melvo/interchange/midi_file_reader.h"
 #include "melvo/interchange/musicxml_parse_error.h"
 #include "melvo/interchange/score_decoder.h"
@@ -399,6 +400,7 @@ struct LyricLine {
   std::string key = "1";
   std::string text;
   int texts = 0;
+  std::vector<std::string> pieces;  // each <text>, for splitting what one note cannot hold
   bool elision = false;
   std::optional<std::string> extend;
   std::optional<std::string> special;
@@ -889,6 +891,7 @@ void Reader::end(const XML_Char* name) {
     case El::text:
       if (lyric_ && up == El::lyric) {
         lyric_->text.append(value);
+        lyric_->pieces.emplace_back(text::trimLyric(value));
         ++lyric_->texts;
       }
       break;
@@ -1327,9 +1330,16 @@ void Reader::endNote() {
   out.ev = NoteEvent::make(ids_.next(), rawTick, duration, pitch);
   out.ev.hasBreathAfter = n.breath;
 
-  // Elided syllables sing on one note; the notice names it.
-  if (chosen && (chosen->elision || chosen->texts > 1) && !lyric.empty())
-    notice(nk::elision, out.ev.id, rawTick, placeText(startDiv, lyric));
+  // Elided syllables sing on one note, unless together they hold more phonemes than the
+  // engine reads on a note: then each gets a note of its own.
+  std::vector<std::string> split;
+  if (chosen && (chosen->elision || chosen->texts > 1) && !lyric.empty()) {
+    if (!n.isChord && chosen->pieces.size() > 1 && countPhonemes(lyricForExport(lyric)) > 8 &&
+        duration >= std::int64_t(chosen->pieces.size()))
+      split = chosen->pieces;
+    else
+      notice(nk::elision, out.ev.id, rawTick, placeText(startDiv, lyric));
+  }
 
   VoiceState& vs = p->voiceState[voice];
   if (!n.isChord) {
@@ -1373,10 +1383,29 @@ void Reader::endNote() {
   }
 
   if (!n.isChord) placeGraces(*p, voice, out);
-  const std::size_t index = notes.size();
+  std::vector<Note> extra;
+  if (!split.empty() && out.ev.duration >= std::int64_t(split.size())) {
+    notice(nk::mxSyllablesSplit, out.ev.id, out.ev.tick, placeText(startDiv, out.ev.lyric));
+    const std::int64_t total = out.ev.duration, each = total / std::int64_t(split.size());
+    out.ev.duration = each;
+    out.ev.lyric = split[0];
+    for (std::size_t i = 1; i < split.size(); ++i) {
+      Note piece = out;
+      piece.ev.id = ids_.next();
+      piece.ev.tick = out.ev.tick + each * std::int64_t(i);
+      piece.ev.duration = i + 1 == split.size() ? total - each * std::int64_t(i) : each;
+      piece.ev.lyric = split[i];
+      piece.ev.hasBreathAfter = out.ev.hasBreathAfter;
+      extra.push_back(std::move(piece));
+    }
+    out.ev.hasBreathAfter = false;
+  }
   notes.push_back(std::move(out));
-  if (n.tieStart) tieMap_[key] = index;
-  if (++soundingNoteCount_ > MusicXMLParser::kNoteLimit)
+  for (Note& piece : extra) notes.push_back(std::move(piece));
+  // A tie continues from the last piece.
+  if (n.tieStart) tieMap_[key] = notes.size() - 1;
+  soundingNoteCount_ += 1 + extra.size();
+  if (soundingNoteCount_ > MusicXMLParser::kNoteLimit)
     fail(std::make_exception_ptr(MIDIFileParser::TooManyNotes()));
 }
 
