@@ -444,6 +444,11 @@ class Reader {
     const Wide t = static_cast<Wide>(div) * ppq_ / divisions_;
     return static_cast<std::int64_t>(std::clamp<Wide>(t, -maxTick, maxTick));
   }
+  // Each duration fits the song, but a hostile file can add up many.
+  static std::int64_t advanced(std::int64_t pos, std::int64_t by) {
+    return by > kMaxPos - pos ? kMaxPos : pos + by;
+  }
+  static constexpr std::int64_t kMaxPos = std::int64_t(1) << 60;
   std::int64_t tickAt(std::int64_t div) const {
     return std::clamp<std::int64_t>(measureStartTick_ + toTicks(div), 0, maxTick);
   }
@@ -805,7 +810,7 @@ void Reader::end(const XML_Char* name) {
       posDiv_ = std::max<std::int64_t>(0, posDiv_ - pendingDuration_);
       break;
     case El::forward:
-      posDiv_ += pendingDuration_;
+      posDiv_ = advanced(posDiv_, pendingDuration_);
       measureMaxPosDiv_ = std::max(measureMaxPosDiv_, posDiv_);
       break;
     case El::beats:
@@ -928,7 +933,8 @@ void Reader::end(const XML_Char* name) {
       break;
     case El::offset:
       if (inDirection_) {
-        if (const auto v = readNumber(value)) dirOffsetDiv_ = std::llround(*v * unitScale_);
+        if (const auto v = readNumber(value))
+          dirOffsetDiv_ = std::llround(std::clamp(*v * unitScale_, -1e15, 1e15));
       }
       break;
     case El::swing:
@@ -1234,7 +1240,7 @@ void Reader::endNote() {
   const std::int64_t startDiv = n.isChord ? chordStartPosDiv_ : posDiv_;
   if (!n.isGrace && !n.isChord) {
     chordStartPosDiv_ = posDiv_;
-    posDiv_ += n.duration;
+    posDiv_ = advanced(posDiv_, n.duration);
     measureMaxPosDiv_ = std::max(measureMaxPosDiv_, posDiv_);
   }
   const std::int64_t rawTick = tickAt(startDiv);
@@ -1560,6 +1566,7 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
   doc.ppq = ppq_;
   doc.tracks.clear();
   std::unordered_map<Uuid, int> trackOf;
+  trackOf.reserve(soundingNoteCount_);
   std::map<int, int> partTrack;
   std::vector<NoticeRec> late;  // found while choosing tracks, placed on their tracks
 
@@ -1824,21 +1831,14 @@ MusicDocument MusicXMLParser::parseText(std::string_view text, int unitScale,
 
 MusicDocument MusicXMLParser::parseBytes(std::string_view bytes, bool containerByName,
                                          std::string_view fallbackTitle) {
-  MusicXMLUnfolder::Result unfolded;
-  {
-    const std::string decoded = decodeScoreBytes(bytes, containerByName);
-    unfolded = MusicXMLUnfolder::unfold(decoded);
-  }
+  MusicXMLUnfolder::Result unfolded =
+      MusicXMLUnfolder::unfold(decodeScoreBytes(bytes, containerByName));
   const int scale = fractionalUnitScale(unfolded.text);
   return parseText(unfolded.text, scale, unfolded.problems, fallbackTitle);
 }
 
 MusicDocument MusicXMLParser::parse(const std::filesystem::path& path) {
-  MusicXMLUnfolder::Result unfolded;
-  {
-    const std::string decoded = decodeScore(path);
-    unfolded = MusicXMLUnfolder::unfold(decoded);
-  }
+  MusicXMLUnfolder::Result unfolded = MusicXMLUnfolder::unfold(decodeScore(path));
   const int scale = fractionalUnitScale(unfolded.text);
   return parseText(unfolded.text, scale, unfolded.problems, path.stem().string());
 }
