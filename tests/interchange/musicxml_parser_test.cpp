@@ -8,7 +8,7 @@
 #include "melvo/interchange/midi_file_reader.h"
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/interchange/musicxml_parse_error.h"
-#include "melvo/model/sung_line.h"
+#include "melvo/platform/i18n.h"
 #include "support/test_support.h"
 
 namespace fs = std::filesystem;
@@ -181,7 +181,7 @@ TEST(MusicXMLReader, AccompanimentWhereTheSongRestsGoesToASilentTrack) {
   EXPECT_FALSE(d.tracks[0].isMuted);
   EXPECT_TRUE(d.tracks[1].isMuted);
   EXPECT_EQ(d.tracks[1].notes[0].pitch, 48);
-  EXPECT_NE(d.tracks[1].name.find("2段目の声部5"), std::string::npos) << d.tracks[1].name;
+  EXPECT_EQ(d.tracks[1].name, "P1 " + trf("%d段目の声部%d", {"2", "5"}));
   const ImportNotice* moved = findNotice(d, "mxVoiceWithoutLyrics");
   ASSERT_NE(moved, nullptr);
   EXPECT_EQ(moved->trackIndex, 1);
