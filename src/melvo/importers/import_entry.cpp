@@ -3,8 +3,7 @@
 #include "melvo/importers/ust_parser.h"
 #include "melvo/importers/zip_import.h"
 #include "melvo/interchange/midi_file_reader.h"
-#include "melvo/interchange/musicxml_unfolder.h"
-#include "melvo/interchange/score_decoder.h"
+#include "melvo/interchange/musicxml_parser.h"
 #include "melvo/interchange/tempo_notices.h"
 #include "melvo/model/project_file.h"
 #include "melvo/platform/atomic_file.h"
@@ -60,10 +59,8 @@ MusicDocument importDocument(const std::filesystem::path& path) {
   if (ext == "mid" || ext == "midi" || ext == "kar" || ext == "smf" || ext == "rmi")
     return MIDIFileParser::parse(path);
   if (const char* format = foreignFormat(ext); *format) throw UnsupportedFormatError(format);
-  // MusicXML: the raw passes run already, so that a file that is no score is refused as
-  // such; the reader that turns the unfolded text into a song comes next.
-  MusicXMLUnfolder::unfold(decodeScore(path));
-  throw UnsupportedFormatError("MusicXML");
+  // Anything else is taken for MusicXML; the raw passes refuse what is not.
+  return MusicXMLParser::parse(path);
 }
 
 MusicDocument openDocument(const std::filesystem::path& path) {

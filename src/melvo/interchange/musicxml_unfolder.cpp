@@ -345,6 +345,14 @@ std::vector<std::pair<int, int>> Unfolder::walk(const std::vector<MeasureInfo>& 
 }
 
 Unfolder::Result Unfolder::unfold(std::string_view text) {
+  return unfoldText(text, nullptr);
+}
+
+Unfolder::Result Unfolder::unfold(std::string&& text) {
+  return unfoldText(text, &text);
+}
+
+Unfolder::Result Unfolder::unfoldText(std::string_view text, std::string* owned) {
   // Parts and measures as "<part(?=[\\s>])[^>]*>[\\s\\S]*?</part>" and
   // "<measure(?=[\\s/>])[^>]*?(?:/>|>[\\s\\S]*?</measure>)" find them.
   std::vector<PartSpans> parts;
@@ -381,8 +389,12 @@ Unfolder::Result Unfolder::unfold(std::string_view text) {
     }
   }
   if (!flowPart) {
-    result.text = largeString(text.size());
-    result.text.append(text);
+    if (owned) {
+      result.text = std::move(*owned);
+    } else {
+      result.text = largeString(text.size());
+      result.text.append(text);
+    }
     return result;
   }
 

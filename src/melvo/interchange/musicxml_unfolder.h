@@ -70,6 +70,12 @@ struct MusicXMLUnfolder {
   // place in the unfolded score. Text without flow marks comes back as it is. Throws
   // MusicXMLParseError::tooManyMeasures beyond kMaxMeasures.
   static Result unfold(std::string_view text);
+  // The same, handing the text itself back when nothing is to be unfolded: a whole score is
+  // not copied for nothing.
+  static Result unfold(std::string&& text);
+
+  // `owned`, when given, holds `text` and may be taken.
+  static Result unfoldText(std::string_view text, std::string* owned);
 
   // The flow marks of one measure's text ("<measure ...>...</measure>").
   static MeasureInfo readMeasure(std::string_view measure);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <unordered_map>
 #include <vector>
 
@@ -66,6 +67,19 @@ std::string decodeScore(const std::filesystem::path& path) {
     throw MusicXMLParseError::notXML();
   }
   std::string ext = text::asciiLower(path.extension().string());
+  // Plain UTF-8 (nearly every score) is its own text: the bytes are kept rather than copied.
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  const bool marked = bytes.size() >= 2 && ((byte(0) == 0xEF && byte(1) == 0xBB) ||
+                                            (byte(0) == 0xFF && byte(1) == 0xFE) ||
+                                            (byte(0) == 0xFE && byte(1) == 0xFF));
+  const bool utf16 = bytes.size() >= 4 && ((byte(0) == '<' && byte(1) == 0 && byte(3) == 0) ||
+                                           (byte(0) == 0 && byte(2) == 0 && byte(1) == '<'));
+  if (ext != ".mxl" && !ZipReader::looksLikeZip(bytes) && !marked && !utf16 &&
+      text::isValidUtf8(bytes)) {
+    std::string text = cleanedText(std::move(bytes));
+    if (text.find("<score-timewise") == std::string::npos) return text;
+    return partwiseText(text);
+  }
   return decodeScoreBytes(bytes, ext == ".mxl");
 }
 
@@ -143,8 +157,6 @@ std::optional<std::string> decodedText(std::string_view data) {
 std::string cleanedText(std::string in) {
   std::size_t start = 0;
   while (in.compare(start, 3, "\xEF\xBB\xBF") == 0) start += 3;
-  std::string out;
-  out.reserve(in.size() - start);
   // White space before the first "<": ASCII and the Unicode spaces alike.
   std::size_t i = start;
   while (i < in.size() && in[i] != '<') {
@@ -153,15 +165,18 @@ std::string cleanedText(std::string in) {
     if (!text::isWhitespaceOrNewline(c) && c != 0xFEFF) break;
     i = next;
   }
-  for (; i < in.size(); ++i) {
-    const char c = in[i];
-    if (c == '\r') {
-      out += '\n';
-      if (i + 1 < in.size() && in[i + 1] == '\n') ++i;
-    } else {
-      out += c;
-    }
+  // In place: the text only ever shrinks, and a whole score is not copied.
+  std::size_t w = 0;
+  for (std::size_t cr = in.find('\r', i);; cr = in.find('\r', i)) {
+    const std::size_t stop = cr == std::string::npos ? in.size() : cr;
+    if (w != i) std::memmove(in.data() + w, in.data() + i, stop - i);
+    w += stop - i;
+    if (cr == std::string::npos) break;
+    in[w++] = '\n';
+    i = cr + 1 < in.size() && in[cr + 1] == '\n' ? cr + 2 : cr + 1;
   }
+  in.resize(w);
+  std::string out = std::move(in);
   if (out.empty() || out[0] != '<') throw MusicXMLParseError::notXML();
   static const PcrePattern declaration(
       "^(\\s*<\\?xml[^>]*?encoding\\s*=\\s*)([\"'])([^\"']*)([\"'])");
