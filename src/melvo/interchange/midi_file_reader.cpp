@@ -16,6 +16,7 @@
 #include "melvo/platform/charset.h"
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/log.h"
+#include "melvo/platform/uuid_sequence.h"
 
 namespace melvo {
 
@@ -93,28 +94,7 @@ struct TimeBase {
   }
 };
 
-// Note ids for a whole file: one system draw seeds a generator, since asking the system for
-// each of 200,000 notes costs more than all the rest of the reading.
-class IdSource {
- public:
-  IdSource() {
-    const Uuid first = Uuid::random();
-    const auto& seed = first.bytes();
-    std::seed_seq seq(seed.begin(), seed.end());
-    gen_.seed(seq);
-  }
-  Uuid next() {
-    static_assert(sizeof(Uuid) == 16 && std::is_trivially_copyable_v<Uuid>);
-    std::array<std::uint64_t, 2> words{gen_(), gen_()};
-    auto bytes = std::bit_cast<std::array<std::uint8_t, 16>>(words);
-    bytes[6] = std::uint8_t((bytes[6] & 0x0F) | 0x40);  // version 4
-    bytes[8] = std::uint8_t((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
-    return std::bit_cast<Uuid>(bytes);
-  }
-
- private:
-  std::mt19937_64 gen_;
-};
+using IdSource = UuidSequence;
 
 // Reads one MTrk chunk's events.
 class TrackReader {

@@ -30,6 +30,7 @@
 #include "melvo/platform/i18n.h"
 #include "melvo/platform/pcre_pattern.h"
 #include "melvo/platform/text.h"
+#include "melvo/platform/uuid_sequence.h"
 
 namespace melvo {
 
@@ -277,28 +278,7 @@ std::string numberText(double v) {
 
 // ---- Note ids ----------------------------------------------------------------------------------
 
-// One system draw seeds a generator: asking the system for each of 200,000 notes would cost
-// more than the rest of the reading.
-class IdSource {
- public:
-  IdSource() {
-    const Uuid first = Uuid::random();
-    const auto& seed = first.bytes();
-    std::seed_seq seq(seed.begin(), seed.end());
-    gen_.seed(seq);
-  }
-  Uuid next() {
-    static_assert(sizeof(Uuid) == 16 && std::is_trivially_copyable_v<Uuid>);
-    std::array<std::uint64_t, 2> words{gen_(), gen_()};
-    auto bytes = std::bit_cast<std::array<std::uint8_t, 16>>(words);
-    bytes[6] = std::uint8_t((bytes[6] & 0x0F) | 0x40);
-    bytes[8] = std::uint8_t((bytes[8] & 0x3F) | 0x80);
-    return std::bit_cast<Uuid>(bytes);
-  }
-
- private:
-  std::mt19937_64 gen_;
-};
+using IdSource = UuidSequence;
 
 // Verses other than 1 and 2 each get a kind of their own ("mxOtherVerse_" and the line's
 // number), so that each verse is one row. Kinds live as long as the program, like the fixed ones.
