@@ -1,17 +1,13 @@
 // melvo preview as a user runs it: written to a file, and refused cleanly where it cannot sound.
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fcntl.h>
 #include <chrono>
 #include <thread>
 
 #include "support/engine_test_support.h"
 #include "support/test_support.h"
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 
@@ -35,26 +31,8 @@ Bounded runWithin(const std::vector<std::string>& args, const std::vector<std::s
                   std::optional<std::chrono::milliseconds> interruptAfter = std::nullopt) {
   test::TempDir scratch;
   const fs::path errPath = scratch / "err";
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&fa, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  std::vector<std::string> argStore{MELVO_BINARY};
-  argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : argStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::vector<std::string> envStore(env);
-  for (char** e = environ; *e; ++e) envStore.emplace_back(*e);  // the given ones come first
-  std::vector<char*> envp;
-  for (auto& e : envStore) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  pid_t pid;
-  const int rc = posix_spawn(&pid, MELVO_BINARY, &fa, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&fa);
+  const pid_t pid = test::spawnMelvo(args, env, "/dev/null", errPath);
   Bounded b;
-  if (rc != 0) return b;
   const auto started = std::chrono::steady_clock::now();
   const auto until = started + limit;
   int status = 0;

@@ -65,9 +65,8 @@ void writeText(const std::filesystem::path& path, const std::string& text) {
   if (!out) throw std::runtime_error("cannot write " + path.string());
 }
 
-RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env) {
-  TempDir scratch;
-  auto outPath = scratch / "out", errPath = scratch / "err";
+pid_t spawnMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                 const std::filesystem::path& outPath, const std::filesystem::path& errPath) {
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
@@ -97,6 +96,13 @@ RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::
   int rc = posix_spawn(&pid, MELVO_BINARY, &fa, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&fa);
   if (rc != 0) throw std::runtime_error("cannot start melvo");
+  return pid;
+}
+
+RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  TempDir scratch;
+  auto outPath = scratch / "out", errPath = scratch / "err";
+  const pid_t pid = spawnMelvo(args, env, outPath, errPath);
   int status = 0;
   waitpid(pid, &status, 0);
   RunResult r;

@@ -1,6 +1,8 @@
 // Helpers shared by every test program.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -49,6 +51,10 @@ struct RunResult {
 // Runs the melvo binary with `args`, no shell involved. `env` entries ("K=V") are added to the
 // current environment.
 RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+// Starts the melvo binary as runMelvo does, stdin from /dev/null, stdout and stderr to the
+// given files; returns its pid. Throws when it cannot start.
+pid_t spawnMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                 const std::filesystem::path& outPath, const std::filesystem::path& errPath);
 
 // The next line from `fd` (a pipe or a socket), keeping what follows it in `buffer`; nothing
 // when `limit` passes or the other end closes first.
