@@ -78,6 +78,20 @@ void moveBench(benchmark::State& state, bool scattered) {
 void BM_Move10kPassage(benchmark::State& state) {
   moveBench(state, false);
 }
+// The first move after a selection is made: the editor has not yet found the selected notes.
+void BM_Move10kPassageFreshSelection(benchmark::State& state) {
+  PianoRollViewModel& vm = editor();
+  int direction = 1;
+  for (auto _ : state) {
+    state.PauseTiming();
+    vm.setSelectedNoteIDs({});
+    select(vm, false);
+    state.ResumeTiming();
+    vm.moveNotes(120 * direction, direction);
+    direction = -direction;
+  }
+  vm.clearHistory();
+}
 void BM_Move10kScattered(benchmark::State& state) {
   moveBench(state, true);
 }
@@ -96,6 +110,7 @@ void BM_Paste10k(benchmark::State& state) {
 }
 
 BENCHMARK(BM_Move10kPassage)->Unit(benchmark::kMillisecond)->Iterations(60);
+BENCHMARK(BM_Move10kPassageFreshSelection)->Unit(benchmark::kMillisecond)->Iterations(60);
 BENCHMARK(BM_Move10kScattered)->Unit(benchmark::kMillisecond)->Iterations(60);
 BENCHMARK(BM_Paste10k)->Unit(benchmark::kMillisecond)->Iterations(40);
 

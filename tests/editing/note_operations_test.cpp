@@ -174,6 +174,34 @@ TEST_F(Editing, MovedGroupKeepsItsShapeAtTheEdgesAndSnapsUnderTheLock) {
   EXPECT_EQ(find(ids[0])->pitch, 62);
 }
 
+// A drag repeats a move on the same selection, and the editor remembers where the selected
+// notes were; a change under them (a note inserted ahead, another track) must not make it
+// edit the notes now standing at those places.
+TEST_F(Editing, RepeatedEditsFollowTheSelectedNotesWhenTheListChangesUnderThem) {
+  select({1, 2});
+  ASSERT_TRUE(vm.moveNotes(0, 1));
+  vm.commit("ahead", [](MusicDocument& d) {
+    d.tracks[0].notes.insert(0, NoteEvent::make(Uuid::random(), 0, 120, 50, 90, "あ"));
+  });
+  ASSERT_TRUE(vm.moveNotes(0, 1));
+  EXPECT_EQ(find(ids[0])->pitch, 60);
+  EXPECT_EQ(find(ids[1])->pitch, 64);
+  EXPECT_EQ(find(ids[2])->pitch, 66);
+  EXPECT_EQ(find(ids[3])->pitch, 66);
+
+  vm.commit("other track", [&](MusicDocument& d) {
+    MusicTrack t = d.tracks[0];
+    t.id = Uuid::random();
+    std::vector<NoteEvent> fresh;
+    for (const auto& n : t.notes) fresh.push_back(NoteEvent::make(Uuid::random(), n.tick, 1, 40));
+    t.notes.assign(fresh);
+    d.tracks.push_back(t);
+  });
+  vm.setCurrentTrackIndex(1);
+  EXPECT_FALSE(vm.moveNotes(0, 1));
+  for (const auto& n : vm.document().tracks[1].notes) EXPECT_EQ(n.pitch, 40);
+}
+
 TEST_F(Editing, LengthsStayAtLeastOneTick) {
   select({0, 1});
   ASSERT_TRUE(vm.resizeNotes(-10000));

@@ -1,6 +1,7 @@
 // Membership of note ids for one pass over a track. The selection is a sorted set, but an
 // operation asks about every note of a track that may hold 200,000; a flat open-addressed
-// table of the ids answers a miss, nearly every question, with one or two probes.
+// table of the ids answers a hit, and a bit filter small enough to stay in cache answers
+// nearly every miss, which is nearly every question, without touching the table.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +21,17 @@ class NoteIDSet {
     while (capacity < ids.size() * 3) capacity <<= 1;  // at most a third full
     mask_ = capacity - 1;
     slots_.assign(capacity, Slot{});
+    std::size_t bits = 4096;
+    while (bits < ids.size() * 16) bits <<= 1;  // a few percent of misses get past it
+    filterMask_ = bits - 1;
+    filter_.assign(bits / 64, 0);
     for (const Uuid& id : ids) insert(id);
   }
 
   bool contains(const Uuid& id) const {
     const std::uint64_t t = tag(id);
+    const std::size_t bit = (t >> 32) & filterMask_;
+    if (!(filter_[bit / 64] >> (bit % 64) & 1)) return false;
     for (std::size_t i = t & mask_;; i = (i + 1) & mask_) {
       const Slot& s = slots_[i];
       if (s.tag == 0) return false;
@@ -47,6 +54,8 @@ class NoteIDSet {
   }
   void insert(const Uuid& id) {
     const std::uint64_t t = tag(id);
+    const std::size_t bit = (t >> 32) & filterMask_;
+    filter_[bit / 64] |= std::uint64_t{1} << (bit % 64);
     for (std::size_t i = t & mask_;; i = (i + 1) & mask_) {
       Slot& s = slots_[i];
       if (s.tag == 0) {
@@ -60,6 +69,8 @@ class NoteIDSet {
 
   std::vector<Slot> slots_;
   std::size_t mask_ = 0;
+  std::vector<std::uint64_t> filter_;
+  std::size_t filterMask_ = 0;
   std::size_t size_ = 0;
 };
 

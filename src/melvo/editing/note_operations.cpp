@@ -97,19 +97,55 @@ const MusicTrack* PianoRollViewModel::currentTrack() const {
   return const_cast<PianoRollViewModel*>(this)->currentTrack();
 }
 
+struct PianoRollViewModel::SelectionCache {
+  explicit SelectionCache(const std::set<Uuid>& ids) : lookup(ids) {}
+  NoteIDSet lookup;
+  std::vector<std::size_t> positions;
+};
+
+void PianoRollViewModel::setSelectedNoteIDs(std::set<Uuid> value) {
+  if (_selectedNoteIDs == value) return;
+  _selectedNoteIDs = std::move(value);
+  selectionCache_.reset();
+  notify("selectedNoteIDs");
+}
+
+std::shared_ptr<const NoteIDSet> PianoRollViewModel::selectedLookup() const {
+  if (!selectionCache_) selectionCache_ = std::make_shared<SelectionCache>(_selectedNoteIDs);
+  return {selectionCache_, &selectionCache_->lookup};
+}
+
 std::vector<std::size_t> PianoRollViewModel::selectedPositions() const {
-  std::vector<std::size_t> out;
   const MusicTrack* track = currentTrack();
-  if (!track || _selectedNoteIDs.empty()) return out;
-  const NoteIDSet wanted(_selectedNoteIDs);
-  // Ids are unique in a song, so the walk ends at the last selected note: a passage selected
-  // early in a long song costs only the notes up to it.
+  if (!track || _selectedNoteIDs.empty()) return {};
+  selectedLookup();
+  const std::shared_ptr<SelectionCache> cache = selectionCache_;
+  const NoteIDSet& wanted = cache->lookup;
+  // The last answer still holds when it names as many distinct, rising positions as there are
+  // selected ids and each holds a selected note: ids are unique in a song, so that is the
+  // whole selection. A drag moves the same notes many times without reordering them.
+  std::vector<std::size_t>& last = cache->positions;
+  if (last.size() == _selectedNoteIDs.size()) {
+    bool holds = true;
+    std::size_t previous = 0;
+    for (std::size_t k = 0; k < last.size() && holds; ++k) {
+      const std::size_t i = last[k];
+      holds = (k == 0 || i > previous) && i < track->notes.size() &&
+              wanted.contains(track->notes[i].id);
+      previous = i;
+    }
+    if (holds) return last;
+  }
+  std::vector<std::size_t> out;
+  // The walk ends at the last selected note: a passage selected early in a long song costs
+  // only the notes up to it.
   std::size_t remaining = _selectedNoteIDs.size();
   for (auto it = track->notes.begin(); it != track->notes.end(); ++it)
     if (wanted.contains(it->id)) {
       out.push_back(it.index());
       if (--remaining == 0) break;
     }
+  last = out;
   return out;
 }
 
@@ -272,7 +308,8 @@ std::optional<Uuid> PianoRollViewModel::splitNote(const Uuid& id, std::int64_t t
 bool PianoRollViewModel::mergeNotes() {
   const MusicTrack* track = currentTrack();
   if (!track) return false;
-  const NoteIDSet wanted(_selectedNoteIDs);
+  const std::shared_ptr<const NoteIDSet> lookup = selectedLookup();
+  const NoteIDSet& wanted = *lookup;
   const std::vector<std::size_t> order = tickOrder(track->notes);
 
   // Walk the track in tick order; `keep` is the note the next same-pitch neighbour joins.
@@ -332,7 +369,8 @@ const char* PianoRollViewModel::mergeMenuLabel() {
 bool PianoRollViewModel::deleteNotes() {
   if (selectedPositions().empty()) return false;
   const auto index = static_cast<std::size_t>(_currentTrackIndex);
-  const NoteIDSet wanted(_selectedNoteIDs);
+  const std::shared_ptr<const NoteIDSet> lookup = selectedLookup();
+  const NoteIDSet& wanted = *lookup;
   std::set<Uuid> gone;
   commit(editLabel(), [&](MusicDocument& d) {
     d.tracks[index].notes.removeIf([&](const NoteEvent& n) {

@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -43,6 +44,8 @@
   Type _##name{__VA_ARGS__};
 
 namespace melvo {
+
+class NoteIDSet;
 
 class PianoRollViewModel : public Observable {
  public:
@@ -232,7 +235,14 @@ class PianoRollViewModel : public Observable {
   MELVO_OBSERVED(std::vector<BarMapping>, lastSynthesisLogMapping, setLastSynthesisLogMapping)
   MELVO_OBSERVED(std::vector<NoteFingerprint>, synthSnapshot, setSynthSnapshot)
   // Selection and transport.
-  MELVO_OBSERVED(std::set<Uuid>, selectedNoteIDs, setSelectedNoteIDs)
+  // Written out rather than observed by the macro: a new selection drops its lookup cache.
+ public:
+  const std::set<Uuid>& selectedNoteIDs() const { return _selectedNoteIDs; }
+  void setSelectedNoteIDs(std::set<Uuid> value);
+
+ private:
+  std::set<Uuid> _selectedNoteIDs;
+
   MELVO_OBSERVED(std::int64_t, playheadTick, setPlayheadTick, 0)
   MELVO_OBSERVED(bool, isPlaying, setIsPlaying, false)
   MELVO_OBSERVED(bool, loopEnabled, setLoopEnabled, false)
@@ -270,6 +280,9 @@ class PianoRollViewModel : public Observable {
   const MusicTrack* currentTrack() const;
   // Positions of the selected notes in the current track, in list order.
   std::vector<std::size_t> selectedPositions() const;
+  // The selection as a flat lookup table, built once per selection; shared, so that a change
+  // of selection during an edit cannot pull it from under the edit.
+  std::shared_ptr<const NoteIDSet> selectedLookup() const;
   // Runs `edit` on a copy of the notes at `positions` of the current track and commits the
   // notes it changed.
   bool editSelected(const std::string& label, const std::vector<std::size_t>& positions,
@@ -285,6 +298,10 @@ class PianoRollViewModel : public Observable {
   std::deque<UndoEntry> _redoStack;
   int _undoGroupDepth = 0;
   std::uint64_t documentSwapSeq_ = 0;  // not observed: jobs compare it, views do not care
+  // What the last look-up of the selection found: its table and the positions, which a
+  // repeated edit of the same notes (a drag) checks instead of walking the track again.
+  struct SelectionCache;
+  mutable std::shared_ptr<SelectionCache> selectionCache_;
 };
 
 }  // namespace melvo
