@@ -144,6 +144,38 @@ TEST_F(SocketServerTest, LinesAtTheLimitAndPastIt) {
   EXPECT_EQ(client.readLine(std::chrono::milliseconds(100)), std::nullopt);
 }
 
+// The port's main-queue work writes its answer itself, ahead of the server's own writing; an
+// answer still waiting in the server (a refusal earlier in the same read) must not be
+// overtaken, and nothing may be sent twice.
+TEST_F(SocketServerTest, EarlyAnswersKeepTheirPlaceAndAreSentOnce) {
+  McpSocketServer* self = nullptr;
+  auto server = std::make_unique<McpSocketServer>(socket(), [&self](const std::string& line) {
+    const std::string answer = R"({"line":")" + line + R"("})";
+    if (line[0] == 'e') self->sendEarly(answer);
+    return answer;
+  });
+  self = server.get();
+  server->start();
+  AgentClient client(socket());
+  ASSERT_TRUE(client.connected());
+  client.send("e1\n" + std::string(McpLineBuffer::kMaxLineBytes + 1, 'x') + "\ne2\nlate\ne3\n");
+  EXPECT_EQ(client.readLine(), R"({"line":"e1"})");
+  EXPECT_NE(client.readLine()->find("limitExceeded"), std::string::npos);
+  EXPECT_EQ(client.readLine(), R"({"line":"e2"})");
+  EXPECT_EQ(client.readLine(), R"({"line":"late"})");
+  EXPECT_EQ(client.readLine(), R"({"line":"e3"})");
+  client.send("e4\n");
+  EXPECT_EQ(client.readLine(), R"({"line":"e4"})");
+  EXPECT_EQ(client.readLine(std::chrono::milliseconds(100)), std::nullopt);
+  // A client that left before its answer: the server goes on with the next one.
+  client.send("e5\n");
+  client.close();
+  AgentClient next(socket());
+  ASSERT_TRUE(next.connected());
+  next.send("e6\n");
+  EXPECT_EQ(next.readLine(), R"({"line":"e6"})");
+}
+
 TEST_F(SocketServerTest, ClientsAreServedOneAfterAnother) {
   auto server = makeServer();
   server->start();

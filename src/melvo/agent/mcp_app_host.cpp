@@ -207,7 +207,9 @@ std::string McpAppPort::runOnMain(const std::string& line) {
   loop_.post([this, job, line] {
     int expected = waiting;
     if (!job->state.compare_exchange_strong(expected, running)) return;
-    job->answer.set_value(layer_.handleLine(line));
+    std::string answer = layer_.handleLine(line);
+    server_.sendEarly(answer);
+    job->answer.set_value(std::move(answer));
   });
   while (future.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
     int expected = waiting;

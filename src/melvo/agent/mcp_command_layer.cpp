@@ -50,7 +50,8 @@ McpJSON summary(Context& c) {
   std::size_t phonemeLyrics = 0;
   for (std::size_t i = 0; i < d.tracks.size(); ++i) {
     const MusicTrack& t = d.tracks[i];
-    for (const auto& n : t.notes) phonemeLyrics += n.phonemesEqualLyric() ? 1 : 0;
+    // Most notes carry no phonemes; asking only those that do keeps the walk a pointer test.
+    for (const auto& n : t.notes) phonemeLyrics += n.sourcePhonemes && n.phonemesEqualLyric();
     tracks.push(McpJSON::Object{{"character", t.characterName},
                                 {"index", i},
                                 {"isMuted", t.isMuted},

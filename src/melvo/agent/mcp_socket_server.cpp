@@ -2,12 +2,14 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <asio.hpp>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "melvo/agent/mcp_json.h"
@@ -84,6 +86,13 @@ struct McpSocketServer::Impl {
   std::string outgoing;
   const Handler* handler = nullptr;
 
+  // The window in which another thread may write the current line's answer itself: open only
+  // while the handler runs and nothing is waiting in `outgoing`.
+  std::mutex earlyLock;
+  bool earlyOpen = false;
+  std::size_t earlySent = 0;  // bytes of answer and newline that went out
+  bool earlyFailed = false;   // the client is gone
+
   void accept() {
     acceptor.async_accept(client, [this](const asio::error_code& ec) {
       if (ec == asio::error::operation_aborted || !acceptor.is_open()) return;
@@ -120,19 +129,37 @@ struct McpSocketServer::Impl {
     outgoing.clear();
     for (auto& item : items) {
       if (auto* line = std::get_if<McpLineBuffer::Line>(&item)) {
+        {
+          std::lock_guard lock(earlyLock);
+          earlyOpen = outgoing.empty();
+          earlySent = 0;
+          earlyFailed = false;
+        }
+        std::string reply;
         try {
-          outgoing += (*handler)(line->text);
+          reply = (*handler)(line->text);
         } catch (const std::exception& e) {
-          outgoing +=
+          reply =
               encodeResponse(McpResponse::failure(std::nullopt, McpError::Code::ioError,
                                                   trf("命令の途中で失敗しました：%@", {e.what()})));
         }
-      } else if (std::holds_alternative<McpLineBuffer::TooLong>(item)) {
-        outgoing += tooLongAnswer();
+        std::size_t sent = 0;
+        {
+          std::lock_guard lock(earlyLock);
+          earlyOpen = false;
+          if (earlyFailed) {
+            endConnection();
+            return;
+          }
+          sent = earlySent;
+        }
+        reply.push_back('\n');
+        if (sent < reply.size()) outgoing.append(reply, sent);
       } else {
-        outgoing += notTextAnswer();
+        outgoing += std::holds_alternative<McpLineBuffer::TooLong>(item) ? tooLongAnswer()
+                                                                         : notTextAnswer();
+        outgoing.push_back('\n');
       }
-      outgoing.push_back('\n');
     }
     if (outgoing.empty()) {
       read();
@@ -149,6 +176,40 @@ struct McpSocketServer::Impl {
                       });
   }
 };
+
+void McpSocketServer::sendEarly(std::string_view answer) {
+  std::lock_guard state(stateLock_);
+  if (!impl_) return;
+  Impl& impl = *impl_;
+  std::lock_guard lock(impl.earlyLock);
+  if (!impl.earlyOpen) return;
+  impl.earlyOpen = false;  // one answer per line
+  const int fd = impl.client.native_handle();
+  const std::size_t total = answer.size() + 1;
+  std::size_t sent = 0;
+  // The server's thread is inside the handler, so nothing else writes to the socket now.
+  // Never block the caller: what the socket does not take now, that thread sends.
+  while (sent < total) {
+    char newline = '\n';
+    iovec parts[2];
+    int count = 0;
+    if (sent < answer.size()) {
+      parts[count++] = {const_cast<char*>(answer.data()) + sent, answer.size() - sent};
+    }
+    parts[count++] = {&newline, 1};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(count);
+    const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) impl.earlyFailed = true;
+      break;
+    }
+    sent += static_cast<std::size_t>(n);
+  }
+  impl.earlySent = sent;
+}
 
 McpSocketServer::McpSocketServer(std::filesystem::path socketURL, Handler handler)
     : socketURL_(std::move(socketURL)), handler_(std::move(handler)) {}

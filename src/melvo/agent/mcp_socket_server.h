@@ -13,6 +13,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace melvo {
@@ -55,6 +56,13 @@ class McpSocketServer {
   // True from the moment stop() begins: a handler waiting for another thread gives up.
   bool stopping() const { return stopping_.load(); }
   const std::filesystem::path& socketURL() const { return socketURL_; }
+
+  // Called by a handler's work on another thread (the main queue) with the answer the handler
+  // is about to return: sends it and its newline to the client at once, so the client is woken
+  // by the answer itself rather than after a hand-back to the server's thread. The handler
+  // still returns the same answer; what went out is not sent again. Does nothing when an
+  // earlier answer of the same read is still waiting to go, so answers keep their order.
+  void sendEarly(std::string_view answer);
 
   // The answer to a line over the limit, and to bytes that are not text.
   static std::string tooLongAnswer();
