@@ -3,9 +3,7 @@
 // the temp folder. The stand-in engine is made to hang deaf to SIGTERM, as a stuck engine does.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,8 +17,6 @@
 #include "melvo/synthesis/multi_track_synthesizer.h"
 #include "support/engine_test_support.h"
 #include "support/test_support.h"
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 
@@ -39,38 +35,7 @@ class Melvo {
  public:
   Melvo(const std::vector<std::string>& args, const std::vector<std::string>& env,
         const fs::path& errFile)
-      : errFile_(errFile) {
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::vector<std::string> argStore{MELVO_BINARY};
-    argStore.insert(argStore.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argStore) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> envStore(env.begin(), env.end());
-    for (char** e = environ; *e; ++e) {
-      std::string_view entry(*e);
-      const std::string_view key = entry.substr(0, entry.find('=') + 1);
-      bool given = false;
-      for (const auto& g : env) given = given || g.rfind(key, 0) == 0;
-      if (!given) envStore.emplace_back(entry);
-    }
-    std::vector<char*> envp;
-    for (auto& e : envStore) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    // Its own group, as a job of an interactive shell has: only the signals the test sends
-    // reach it, and the test's own group is never hit.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-    posix_spawnattr_setpgroup(&attr, 0);
-    if (posix_spawn(&pid_, MELVO_BINARY, &fa, &attr, argv.data(), envp.data()) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&fa);
-    posix_spawnattr_destroy(&attr);
-  }
+      : errFile_(errFile), pid_(test::spawnMelvo(args, env, "/dev/null", errFile, true)) {}
   ~Melvo() {
     if (pid_ > 0 && !status_) {
       ::kill(pid_, SIGKILL);

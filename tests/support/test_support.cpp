@@ -66,7 +66,8 @@ void writeText(const std::filesystem::path& path, const std::string& text) {
 }
 
 pid_t spawnMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env,
-                 const std::filesystem::path& outPath, const std::filesystem::path& errPath) {
+                 const std::filesystem::path& outPath, const std::filesystem::path& errPath,
+                 bool ownGroup) {
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
@@ -92,9 +93,16 @@ pid_t spawnMelvo(const std::vector<std::string>& args, const std::vector<std::st
   for (auto& e : envStore) envp.push_back(e.data());
   envp.push_back(nullptr);
 
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  if (ownGroup) {
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, 0);
+  }
   pid_t pid;
-  int rc = posix_spawn(&pid, MELVO_BINARY, &fa, nullptr, argv.data(), envp.data());
+  int rc = posix_spawn(&pid, MELVO_BINARY, &fa, &attr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&fa);
+  posix_spawnattr_destroy(&attr);
   if (rc != 0) throw std::runtime_error("cannot start melvo");
   return pid;
 }

@@ -52,9 +52,12 @@ struct RunResult {
 // current environment.
 RunResult runMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 // Starts the melvo binary as runMelvo does, stdin from /dev/null, stdout and stderr to the
-// given files; returns its pid. Throws when it cannot start.
+// given files; returns its pid. Throws when it cannot start. With `ownGroup` it leads a process
+// group of its own, as a job of an interactive shell does: only the signals a test sends it
+// reach it, and a signal to its group never hits the test.
 pid_t spawnMelvo(const std::vector<std::string>& args, const std::vector<std::string>& env,
-                 const std::filesystem::path& outPath, const std::filesystem::path& errPath);
+                 const std::filesystem::path& outPath, const std::filesystem::path& errPath,
+                 bool ownGroup = false);
 
 // The next line from `fd` (a pipe or a socket), keeping what follows it in `buffer`; nothing
 // when `limit` passes or the other end closes first.
