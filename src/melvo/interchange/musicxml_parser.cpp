@@ -264,6 +264,14 @@ std::optional<double> noteValueQuarters(std::string_view type) {
   return std::nullopt;
 }
 
+// MusicXML loudness is a percentage of forte, which is velocity 90. A silent note would be
+// taken for a ghost note, so the softest is 1.
+std::optional<int> velocityOf(std::string_view percent) {
+  const auto v = readNumber(percent);
+  if (!v || *v < 0) return std::nullopt;
+  return static_cast<int>(std::clamp<double>(std::round(*v * 0.9), 1, 127));
+}
+
 double dotted(double quarters, int dots) {
   double total = quarters, add = quarters;
   for (int i = 0; i < dots && i < 8; ++i) total += (add /= 2);
@@ -519,6 +527,7 @@ class Reader {
     std::string type;
     std::optional<double> stealPrev, stealFollow;
     std::optional<std::int64_t> makeTime;  // in divisions
+    int velocity = 100;
     bool fermata = false, breath = false;
     std::vector<std::string> ornaments, glides;
     std::optional<std::string> notehead, ipa;
@@ -550,6 +559,7 @@ class Reader {
   std::vector<GraceRestore> graceRestores_;
 
   int transposeSemitones_ = 0, transposeChromatic_ = 0, transposeOctave_ = 0;
+  int partVelocity_ = 100;
   std::vector<NoticeRec> notices_;
 };
 
@@ -575,6 +585,9 @@ void Reader::start(const XML_Char* name, const XML_Char** attrs) {
     case El::note:
       inNote_ = true;
       note_ = CurrentNote{};
+      note_.velocity = partVelocity_;
+      if (const char* v = attribute(attrs, "dynamics"))
+        note_.velocity = velocityOf(v).value_or(partVelocity_);
       break;
     case El::rest:
       if (inNote_) note_.isRest = true;
@@ -695,6 +708,9 @@ void Reader::start(const XML_Char* name, const XML_Char** attrs) {
           addTempo(bpm ? *bpm : 0.0, true, tickAt(posDiv_), t);
         }
       }
+      // Loudness from here on in this part, in the order the file gives it.
+      if (const char* v = attribute(attrs, "dynamics"))
+        partVelocity_ = velocityOf(v).value_or(partVelocity_);
       break;
     case El::swing:
       if (up == El::sound) {
@@ -1018,6 +1034,7 @@ void Reader::beginPart(const XML_Char** attrs) {
   posDiv_ = chordStartPosDiv_ = measureMaxPosDiv_ = 0;
   tsNumerator_ = tsDenominator_ = 4;
   transposeSemitones_ = 0;
+  partVelocity_ = 100;
   tieMap_.clear();
   runningBpm_[pi_] = 120;
 }
@@ -1378,7 +1395,7 @@ void Reader::endNote() {
   Note out;
   out.staff = n.staff;
   out.chordMember = n.isChord;
-  out.ev = NoteEvent::make(ids_.next(), rawTick, duration, pitch);
+  out.ev = NoteEvent::make(ids_.next(), rawTick, duration, pitch, n.velocity);
   out.ev.hasBreathAfter = n.breath;
 
   // Elided syllables sing on one note, unless together they hold more phonemes than the
