@@ -1692,8 +1692,7 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
   MusicDocument doc;
   doc.ppq = ppq_;
   doc.tracks.clear();
-  std::unordered_map<Uuid, int> trackOf;
-  trackOf.reserve(soundingNoteCount_);
+  std::unordered_map<Uuid, int> trackOf;  // of the notes that notices name
   std::map<int, int> partTrack;
   std::vector<NoticeRec> late;  // found while choosing tracks, placed on their tracks
 
@@ -1735,10 +1734,11 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
           e.tick = addTicks(e.tick, shift);
           events.push_back(std::move(e));
         }
-      std::stable_sort(events.begin(), events.end(),
-                       [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
+      const auto byTick = [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; };
+      // One voice is already in time order.
+      if (!std::is_sorted(events.begin(), events.end(), byTick))
+        std::stable_sort(events.begin(), events.end(), byTick);
       const int index = int(doc.tracks.size());
-      for (const NoteEvent& e : events) trackOf[e.id] = index;
       MusicTrack t;
       t.name = std::move(name);
       t.isMuted = muted;
@@ -1825,6 +1825,18 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
     }
   }
   if (doc.tracks.empty()) throw MusicXMLParseError::noNotes();
+
+  // Only the notes that notices name: a map of every note cost more than the rest of this step.
+  for (const NoticeRec& r : notices_)
+    if (r.noteID) trackOf.emplace(*r.noteID, -1);
+  for (const NoticeRec& r : late)
+    if (r.noteID) trackOf.emplace(*r.noteID, -1);
+  for (const GraceRestore& g : graceRestores_) trackOf.emplace(g.mainID, -1);
+  if (!trackOf.empty())
+    for (std::size_t t = 0; t < doc.tracks.size(); ++t)
+      for (const NoteEvent& n : doc.tracks[t].notes)
+        if (const auto it = trackOf.find(n.id); it != trackOf.end()) it->second = int(t);
+  std::erase_if(trackOf, [](const auto& entry) { return entry.second < 0; });
 
   for (std::size_t i = 0; i < doc.tracks.size(); ++i) {
     if (doc.tracks[i].name.empty()) doc.tracks[i].name = "Track " + std::to_string(i + 1);
@@ -1942,6 +1954,7 @@ std::vector<std::vector<std::string>> MusicXMLParser::lyricLinesByPart(std::stri
   std::size_t at = 0;
   while ((at = text.find('<', at)) != std::string_view::npos) {
     ++at;
+    if (at >= text.size() || (text[at] != 'p' && text[at] != 'l')) continue;
     if (text.compare(at, 4, "part") == 0 && isTagEnd(at + 4)) {
       out.emplace_back();
     } else if (text.compare(at, 5, "lyric") == 0 && isTagEnd(at + 5) && !out.empty()) {
