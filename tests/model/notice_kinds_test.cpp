@@ -52,7 +52,19 @@ TEST(NoticeKindCatalogue, UnknownKeysFindNothing) {
   EXPECT_EQ(findNoticeKind(""), nullptr);
   EXPECT_EQ(findNoticeKind("Fermata"), nullptr);
   EXPECT_EQ(findNoticeKind("fermata "), nullptr);
+  // Verse 2 has a kind of its own; later verses are found by their number.
   EXPECT_EQ(findNoticeKind("mxOtherVerse_2"), nullptr);
+  EXPECT_EQ(findNoticeKind("mxOtherVerse_"), nullptr);
+}
+
+TEST(NoticeKindCatalogue, EachLaterVerseHasOneKindWithWordsAndAButton) {
+  const ImportNoticeKind* third = findNoticeKind("mxOtherVerse_3");
+  ASSERT_NE(third, nullptr);
+  EXPECT_STREQ(third->key, "mxOtherVerse_3");
+  EXPECT_EQ(&otherVerseNoticeKind("3"), third);
+  EXPECT_NE(findNoticeKind("mxOtherVerse_4"), third);
+  EXPECT_NE(std::string_view(third->message).find("%d"), std::string_view::npos);
+  EXPECT_EQ(third->buttons.size(), 1u);
 }
 
 // The liveness rules lean on these sets; a misspelt member would silently match nothing.
@@ -73,8 +85,43 @@ TEST(NoticeKindCatalogue, KeySetsHaveTheirSizesOverRealKinds) {
 }
 
 TEST(NoticeKindCatalogue, CountedMessagesHoldOnePlaceholder) {
-  for (const char* key : {"tempoInsideNote", "secondVerse", "midiMissingNoteOff",
-                          "midiChannelsUndecided", "mxUnsungLyricLine"}) {
+  // Among them every kind the MusicXML reader makes: an empty text would show no words.
+  for (const char* key : {"tempoInsideNote",
+                          "secondVerse",
+                          "midiMissingNoteOff",
+                          "midiChannelsUndecided",
+                          "mxUnsungLyricLine",
+                          "twoLyricsOnOneNote",
+                          "elision",
+                          "cueNotesDropped",
+                          "fermata",
+                          "fermataOnRest",
+                          "ornaments",
+                          "glissando",
+                          "wordsOnlyTempo",
+                          "wordsOnlyTempoDefault",
+                          "ritAccel",
+                          "swing",
+                          "microtones",
+                          "additiveMeter",
+                          "meterClamped",
+                          "meterRebarred",
+                          "percussionDropped",
+                          "spokenPart",
+                          "lyricOnRest",
+                          "gracesWithoutLyric",
+                          "breathConverted",
+                          "mxSyllablesSplit",
+                          "mxGraceNotPlaced",
+                          "mxMetricModulation",
+                          "mxSpecialNoteheads",
+                          "mxPronunciationMarks",
+                          "mxTieAcrossGap",
+                          "mxSlurMelisma",
+                          "mxUnreadablePitch",
+                          "mxTempoOutOfRange",
+                          "mxVoiceWithoutLyrics",
+                          "mxHummingLaughing"}) {
     const std::string_view message = findNoticeKind(key)->message;
     EXPECT_NE(message.find("%d"), std::string_view::npos) << key;
     EXPECT_EQ(message.find("%d"), message.rfind("%d")) << key;

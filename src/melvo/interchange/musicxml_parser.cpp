@@ -38,6 +38,9 @@ namespace {
 
 namespace nk = notice_kinds;
 
+// One ceiling for every reader: the refusal is MIDIFileParser::TooManyNotes with its words.
+static_assert(MusicXMLParser::kNoteLimit == MIDIFileParser::kNoteLimit);
+
 // Positions times ticks per quarter can pass 64 bits in a hostile file before the division.
 __extension__ typedef __int128 Wide;
 
@@ -261,6 +264,14 @@ std::optional<double> noteValueQuarters(std::string_view type) {
   return std::nullopt;
 }
 
+// MusicXML loudness is a percentage of forte, which is velocity 90. A silent note would be
+// taken for a ghost note, so the softest is 1.
+std::optional<int> velocityOf(std::string_view percent) {
+  const auto v = readNumber(percent);
+  if (!v || *v < 0) return std::nullopt;
+  return static_cast<int>(std::clamp<double>(std::round(*v * 0.9), 1, 127));
+}
+
 double dotted(double quarters, int dots) {
   double total = quarters, add = quarters;
   for (int i = 0; i < dots && i < 8; ++i) total += (add /= 2);
@@ -279,27 +290,6 @@ std::string numberText(double v) {
 // ---- Note ids ----------------------------------------------------------------------------------
 
 using IdSource = UuidSequence;
-
-// Verses other than 1 and 2 each get a kind of their own ("mxOtherVerse_" and the line's
-// number), so that each verse is one row. Kinds live as long as the program, like the fixed ones.
-const ImportNoticeKind& otherVerseKind(const std::string& lineKey) {
-  static std::mutex mutex;
-  static std::deque<std::pair<std::string, ImportNoticeKind>> kinds;
-  std::lock_guard lock(mutex);
-  const std::string key = "mxOtherVerse_" + lineKey;
-  for (const auto& [k, kind] : kinds)
-    if (k == key) return kind;
-  auto& entry = kinds.emplace_back(key, ImportNoticeKind{});
-  entry.second = ImportNoticeKind{
-      entry.first.c_str(),
-      ValidationIssue::Severity::info,
-      NoticeHandling::dropped,
-      ValidationIssue::Category::importNotice,
-      N_("ほかの番の歌詞（%d音）があります。今は歌いません（どの番かは場所の欄に出ています）。"),
-      nullptr,
-      {}};
-  return entry.second;
-}
 
 // ---- The reader --------------------------------------------------------------------------------
 
@@ -321,6 +311,7 @@ struct PendingGrace {
   std::string lyric;
   bool slash = false;
   std::optional<double> stealPrev, stealFollow;
+  std::optional<std::int64_t> makeTimeTicks;
   double nominalQuarters = 0.125;
   bool chord = false;
   int staff = 1;
@@ -367,6 +358,8 @@ struct TSRec {
   int numerator, denominator, part;
 };
 
+using Fixes = std::vector<std::vector<SuggestionAction>>;
+
 struct NoticeRec {
   const ImportNoticeKind* kind;
   int part;  // -1: the whole song
@@ -374,6 +367,34 @@ struct NoticeRec {
   std::int64_t rawTick;
   std::optional<std::string> text;
   int count = 1;
+  Fixes fixes = {};  // per button of the kind
+};
+
+// Grace syllables that had no room and were joined to their main note's lyric: what the
+// notice's button needs to give them a note of their own again.
+struct GraceRestore {
+  std::size_t notice;  // index into the reader's notices
+  Uuid mainID;
+  std::string mainLyric;
+  std::vector<PendingGrace> graces;
+};
+
+// A rit. or accel. of a part: from its words to the next tempo of the part, the next
+// "a tempo" or the part's end. The tempo map keeps the score's steady tempo; the notice's
+// button writes the change in steps.
+struct RitRec {
+  std::size_t notice;
+  int part;
+  std::int64_t from, to = -1;
+  double bpm, factor;
+  double origin;                 // the speed before the first rit. of a chain
+  std::optional<double> backTo;  // "a tempo": the speed the span returns to
+};
+
+struct KeyRec {
+  std::int64_t tick;
+  int fifths, part;
+  bool sounding;  // the part's transposition applied
 };
 
 struct LyricLine {
@@ -434,9 +455,11 @@ class Reader {
   }
   std::optional<std::int64_t> readDuration();
   std::string placeText(std::int64_t posDiv, std::string_view extra = {}) const;
-  void notice(const ImportNoticeKind& kind, std::optional<Uuid> noteID, std::int64_t rawTick,
-              std::optional<std::string> text = std::nullopt, int count = 1) {
+  // Returns the record's index, for fixes settled at the end.
+  std::size_t notice(const ImportNoticeKind& kind, std::optional<Uuid> noteID, std::int64_t rawTick,
+                     std::optional<std::string> text = std::nullopt, int count = 1) {
     notices_.push_back({&kind, pi_, noteID, rawTick, std::move(text), count});
+    return notices_.size() - 1;
   }
 
   void beginPart(const XML_Char** attrs);
@@ -447,6 +470,8 @@ class Reader {
   void endNote();
   void endDirection();
   void addTempo(double bpm, bool fromSound, std::int64_t rawTick, const std::string& where);
+  void closeRit(std::int64_t rawTick, std::optional<double> backTo = std::nullopt);
+  void settleFixes(MusicDocument& doc, const std::unordered_map<Uuid, int>& trackOf);
   void scanWords(const std::string& words, std::int64_t rawTick, bool& tempoGiven);
   void placeGraces(PartBuffer& p, int voice, Note& main);
   void flushGraces(PartBuffer& p, int voice, bool atPartEnd);
@@ -486,7 +511,7 @@ class Reader {
   std::vector<std::pair<std::string, std::string>> timeGroups_;
   std::optional<std::string> timeBeatsPending_;
   std::vector<TSRec> tsRecs_;
-  std::vector<KeySignatureEvent> keyRecs_;
+  std::vector<KeyRec> keyRecs_;
 
   // The note being read.
   struct CurrentNote {
@@ -501,6 +526,8 @@ class Reader {
     bool voiceSeen = false;
     std::string type;
     std::optional<double> stealPrev, stealFollow;
+    std::optional<std::int64_t> makeTime;  // in divisions
+    int velocity = 100;
     bool fermata = false, breath = false;
     std::vector<std::string> ornaments, glides;
     std::optional<std::string> notehead, ipa;
@@ -527,8 +554,12 @@ class Reader {
   bool swingStraight_ = false, inSoundSwing_ = false;
   std::vector<TempoRec> tempoRecs_;
   std::map<int, double> runningBpm_;
+  std::vector<RitRec> rits_;
+  std::map<int, std::size_t> ritChain_;  // part to its open rit. or accel.
+  std::vector<GraceRestore> graceRestores_;
 
   int transposeSemitones_ = 0, transposeChromatic_ = 0, transposeOctave_ = 0;
+  int partVelocity_ = 100;
   std::vector<NoticeRec> notices_;
 };
 
@@ -554,6 +585,9 @@ void Reader::start(const XML_Char* name, const XML_Char** attrs) {
     case El::note:
       inNote_ = true;
       note_ = CurrentNote{};
+      note_.velocity = partVelocity_;
+      if (const char* v = attribute(attrs, "dynamics"))
+        note_.velocity = velocityOf(v).value_or(partVelocity_);
       break;
     case El::rest:
       if (inNote_) note_.isRest = true;
@@ -575,6 +609,9 @@ void Reader::start(const XML_Char* name, const XML_Char** attrs) {
           note_.stealPrev = readNumber(v);
         if (const char* v = attribute(attrs, "steal-time-following"))
           note_.stealFollow = readNumber(v);
+        if (const char* v = attribute(attrs, "make-time"))
+          if (const auto d = readNumber(v); d && *d > 0 && *d < 1e12)
+            note_.makeTime = std::llround(*d * unitScale_);
       }
       break;
     case El::tie:
@@ -671,6 +708,9 @@ void Reader::start(const XML_Char* name, const XML_Char** attrs) {
           addTempo(bpm ? *bpm : 0.0, true, tickAt(posDiv_), t);
         }
       }
+      // Loudness from here on in this part, in the order the file gives it.
+      if (const char* v = attribute(attrs, "dynamics"))
+        partVelocity_ = velocityOf(v).value_or(partVelocity_);
       break;
     case El::swing:
       if (up == El::sound) {
@@ -806,9 +846,19 @@ void Reader::end(const XML_Char* name) {
       if (up == El::attributes) endTime();
       break;
     case El::fifths:
-      if (pi_ == 0 && measureActive_) {
+      if (measureActive_ && up == El::other) {
         if (const auto f = readInt(value))
-          keyRecs_.push_back({tickAt(posDiv_), std::clamp(*f, -7, 7)});
+          keyRecs_.push_back({tickAt(posDiv_), std::clamp(*f, -7, 7), pi_, false});
+      }
+      break;
+    case El::attributes:
+      // <transpose> comes after <key> in the same attributes: the key is written, the song
+      // keeps the sounding one.
+      for (auto it = keyRecs_.rbegin(); it != keyRecs_.rend() && !it->sounding; ++it) {
+        it->sounding = true;
+        int f = it->fifths + ((transposeSemitones_ * 7) % 12 + 12) % 12;
+        while (f > 7) f -= 12;
+        it->fifths = f;
       }
       break;
     case El::other:
@@ -984,11 +1034,13 @@ void Reader::beginPart(const XML_Char** attrs) {
   posDiv_ = chordStartPosDiv_ = measureMaxPosDiv_ = 0;
   tsNumerator_ = tsDenominator_ = 4;
   transposeSemitones_ = 0;
+  partVelocity_ = 100;
   tieMap_.clear();
   runningBpm_[pi_] = 120;
 }
 
 void Reader::endPart() {
+  closeRit(segBaseTick_);
   if (PartBuffer* p = part()) {
     std::vector<int> voices;
     for (const auto& [v, list] : p->pendingGraces) voices.push_back(v);
@@ -1087,6 +1139,16 @@ void Reader::addTempo(double bpm, bool fromSound, std::int64_t rawTick, const st
   bpm = std::max(bpm, 1.0);
   tempoRecs_.push_back({rawTick, bpm, pi_, fromSound});
   runningBpm_[pi_] = bpm;
+  closeRit(rawTick);
+}
+
+void Reader::closeRit(std::int64_t rawTick, std::optional<double> backTo) {
+  const auto open = ritChain_.find(pi_);
+  if (open == ritChain_.end()) return;
+  RitRec& r = rits_[open->second];
+  r.to = std::max(r.from, rawTick);
+  r.backTo = backTo;
+  ritChain_.erase(open);
 }
 
 // "♩=120", "♪ = c. 96", "𝅗𝅥.=60" and metric modulations "♩=♩." inside words.
@@ -1104,6 +1166,10 @@ void Reader::scanWords(const std::string& words, std::int64_t rawTick, bool& tem
       "^\\s*(?:grave|largo|larghetto|lento|adagio|adagietto|andante|andantino|moderato|"
       "allegretto|allegro|vivace|vivo|presto|prestissimo|tempo\\s+(?:i|primo)|a\\s+tempo)\\b",
       PcrePattern::caseless | PcrePattern::utf);
+  static const PcrePattern aTempo("^\\s*(?:a\\s+tempo|tempo\\s+(?:i|primo))\\b",
+                                  PcrePattern::caseless | PcrePattern::utf);
+  static const PcrePattern fasterWord("^\\s*(?:accel|string)",
+                                      PcrePattern::caseless | PcrePattern::utf);
   static const PcrePattern ritWord(
       "^\\s*(?:rit|ritard|ritardando|riten|ritenuto|rall|rallentando|accel|accelerando|allarg|"
       "allargando|string|stringendo)\\b",
@@ -1165,10 +1231,25 @@ void Reader::scanWords(const std::string& words, std::int64_t rawTick, bool& tem
     return;
   }
   if (ritWord.matches(words)) {
-    notice(nk::ritAccel, std::nullopt, rawTick, placeText(dirStartPosDiv_, words));
+    const std::size_t at =
+        notice(nk::ritAccel, std::nullopt, rawTick, placeText(dirStartPosDiv_, words));
+    // A second rit. before the tempo is back goes on from where the first one ended.
+    double bpm = runningBpm_[pi_], origin = bpm;
+    if (const auto open = ritChain_.find(pi_); open != ritChain_.end()) {
+      const RitRec& before = rits_[open->second];
+      bpm = before.bpm * before.factor;
+      origin = before.origin;
+      closeRit(rawTick);
+    }
+    rits_.push_back(
+        {at, pi_, rawTick, -1, bpm, fasterWord.matches(words) ? 1.2 : 0.8, origin, std::nullopt});
+    ritChain_[pi_] = rits_.size() - 1;
   } else if (!tempoGiven && tempoWord.matches(words)) {
     notice(tempoRecs_.empty() ? nk::wordsOnlyTempoDefault : nk::wordsOnlyTempo, std::nullopt,
            rawTick, placeText(dirStartPosDiv_, words));
+    if (aTempo.matches(words))
+      if (const auto open = ritChain_.find(pi_); open != ritChain_.end())
+        closeRit(rawTick, rits_[open->second].origin);
   }
 }
 
@@ -1272,6 +1353,7 @@ void Reader::endNote() {
     g.slash = n.graceSlash;
     g.stealPrev = n.stealPrev;
     g.stealFollow = n.stealFollow;
+    if (n.makeTime) g.makeTimeTicks = std::max<std::int64_t>(1, toTicks(*n.makeTime));
     g.nominalQuarters = dotted(noteValueQuarters(n.type).value_or(0.125), n.dots);
     g.chord = n.isChord;
     g.staff = n.staff;
@@ -1313,7 +1395,7 @@ void Reader::endNote() {
   Note out;
   out.staff = n.staff;
   out.chordMember = n.isChord;
-  out.ev = NoteEvent::make(ids_.next(), rawTick, duration, pitch);
+  out.ev = NoteEvent::make(ids_.next(), rawTick, duration, pitch, n.velocity);
   out.ev.hasBreathAfter = n.breath;
 
   // Elided syllables sing on one note, unless together they hold more phonemes than the
@@ -1412,21 +1494,25 @@ void Reader::placeGraces(PartBuffer& p, int voice, Note& main) {
   }
   if (sung.empty()) return;
 
+  // A grace that makes its own time lasts that long; any other, its written value.
+  const auto weight = [&](const PendingGrace& g) {
+    return g.makeTimeTicks ? double(*g.makeTimeTicks) : g.nominalQuarters * double(ppq_);
+  };
   std::vector<std::size_t> slots;  // index of the first grace of each time slot
   double nominalSum = 0;
-  bool stealPrev = false;
+  bool stealPrev = false, allMakeTime = true;
   std::optional<double> stealFollow;
   for (std::size_t i = 0; i < sung.size(); ++i) {
     if (!sung[i].chord || slots.empty()) {
       slots.push_back(i);
-      nominalSum += sung[i].nominalQuarters;
+      nominalSum += weight(sung[i]);
+      allMakeTime = allMakeTime && sung[i].makeTimeTicks;
     }
     if (sung[i].stealPrev) stealPrev = true;
     if (sung[i].stealFollow) stealFollow = sung[i].stealFollow;
   }
   const auto count = static_cast<std::int64_t>(slots.size());
-  const std::int64_t nominal =
-      std::max<std::int64_t>(count, std::llround(nominalSum * double(ppq_)));
+  const std::int64_t nominal = std::max<std::int64_t>(count, std::llround(nominalSum));
 
   auto& notes = p.notesByVoice[voice];
   Note* prev = nullptr;
@@ -1447,8 +1533,11 @@ void Reader::placeGraces(PartBuffer& p, int voice, Note& main) {
       start = main.ev.tick - take;
     }
   } else {
-    take = stealFollow ? std::llround(main.ev.duration * std::min(*stealFollow, 100.0) / 100.0)
-                       : std::min(nominal, main.ev.duration / 2);
+    // The bar's length is fixed by the score, so time a grace makes comes out of its main
+    // note too, as long as that keeps a tick; a written value takes at most half of it.
+    take = stealFollow   ? std::llround(main.ev.duration * std::min(*stealFollow, 100.0) / 100.0)
+           : allMakeTime ? nominal
+                         : std::min(nominal, main.ev.duration / 2);
     take = std::min(take, main.ev.duration - 1);
     if (take >= count) {
       start = main.ev.tick;
@@ -1461,10 +1550,12 @@ void Reader::placeGraces(PartBuffer& p, int voice, Note& main) {
     // No room: the syllables join the main note's lyric, and the notice can undo that.
     std::string joined;
     for (const auto& g : sung) joined += g.lyric;
-    const bool mainWasMelisma = main.ev.lyric == "ー";
-    main.ev.lyric = joined + (mainWasMelisma ? std::string() : main.ev.lyric);
+    const std::string mainLyric = main.ev.lyric;
+    const bool mainWasMelisma = mainLyric == "ー";
+    main.ev.lyric = joined + (mainWasMelisma ? std::string() : mainLyric);
     main.sungLyric = true;
-    notice(nk::twoLyricsOnOneNote, main.ev.id, main.ev.tick, main.ev.lyric);
+    const std::size_t at = notice(nk::twoLyricsOnOneNote, main.ev.id, main.ev.tick, main.ev.lyric);
+    graceRestores_.push_back({at, main.ev.id, mainLyric, std::move(sung)});
     return;
   }
 
@@ -1473,11 +1564,10 @@ void Reader::placeGraces(PartBuffer& p, int voice, Note& main) {
   for (std::size_t s = 0; s < slots.size(); ++s) {
     const std::size_t first = slots[s];
     const std::size_t last = s + 1 < slots.size() ? slots[s + 1] : sung.size();
-    std::int64_t len =
-        s + 1 == slots.size()
-            ? start + take - at
-            : std::max<std::int64_t>(
-                  1, std::llround(double(take) * sung[first].nominalQuarters / nominalSum));
+    std::int64_t len = s + 1 == slots.size()
+                           ? start + take - at
+                           : std::max<std::int64_t>(
+                                 1, std::llround(double(take) * weight(sung[first]) / nominalSum));
     len = std::max<std::int64_t>(
         1, std::min(len, start + take - at - std::int64_t(slots.size() - s - 1)));
     for (std::size_t i = first; i < last; ++i) {
@@ -1540,13 +1630,69 @@ MusicDocument Reader::run(std::string_view text,
   return finish(problems, fallbackTitle);
 }
 
+// The buttons that need the song as it ends: the notes where they finally stand, the ticks
+// moved by each part's pickup.
+void Reader::settleFixes(MusicDocument& doc, const std::unordered_map<Uuid, int>& trackOf) {
+  using S = ValidationIssue::Suggestion;
+  const auto shiftOf = [&](int part) {
+    return part >= 0 && part < int(parts_.size()) ? parts_[std::size_t(part)].pickupShift : 0;
+  };
+  const auto song = [&](std::int64_t raw, int part) {
+    return std::clamp<std::int64_t>(raw + shiftOf(part), 0, maxTick);
+  };
+
+  // A rit. slows by a fifth over its span, an accel. speeds up by as much, one step a beat.
+  for (const RitRec& r : rits_) {
+    const std::int64_t from = song(r.from, r.part), to = song(r.to, r.part);
+    if (r.to < 0 || to <= from) continue;
+    const std::int64_t steps = std::clamp<std::int64_t>((to - from) / ppq_, 1, 64);
+    S::SetTempos change{from, r.backTo ? to + 1 : to, {}};
+    for (std::int64_t i = 0; i < steps; ++i) {
+      const double bpm = r.bpm * (1 + (r.factor - 1) * double(i + 1) / double(steps));
+      change.points.push_back(
+          {from + (to - from) * i / steps, std::clamp(std::round(bpm * 100) / 100, 1.0, 1000.0)});
+    }
+    if (r.backTo) change.points.push_back({to, *r.backTo});
+    notices_[r.notice].fixes = {{std::move(change)}};
+  }
+
+  if (graceRestores_.empty()) return;
+  std::unordered_map<Uuid, const NoteEvent*> mains;
+  for (const GraceRestore& g : graceRestores_) mains.emplace(g.mainID, nullptr);
+  for (const MusicTrack& t : doc.tracks)
+    for (const NoteEvent& n : t.notes)
+      if (auto it = mains.find(n.id); it != mains.end()) it->second = &n;
+  // The graces are cut from the front of their main note, which gets its own lyric back.
+  for (const GraceRestore& g : graceRestores_) {
+    const NoteEvent* main = mains[g.mainID];
+    const auto track = trackOf.find(g.mainID);
+    const auto count = std::int64_t(g.graces.size());
+    if (!main || track == trackOf.end() || main->duration - 1 < count) continue;
+    double written = 0;
+    for (const PendingGrace& p : g.graces)
+      written += p.makeTimeTicks ? double(*p.makeTimeTicks) : p.nominalQuarters * double(ppq_);
+    const std::int64_t take =
+        std::clamp<std::int64_t>(std::min<std::int64_t>(std::llround(written), main->duration / 2),
+                                 count, main->duration - 1);
+    S::AddNotes add{track->second, {}};
+    const std::int64_t each = take / count;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const PendingGrace& p = g.graces[std::size_t(i)];
+      add.notes.push_back(
+          {main->tick + each * i, i + 1 == count ? take - each * i : each, p.pitch, p.lyric});
+    }
+    notices_[g.notice].fixes = {
+        {S::SetLyrics{{{main->id, g.mainLyric}}},
+         S::SetTiming{{{main->id, main->tick + take, main->duration - take}}}, std::move(add)}};
+  }
+}
+
 MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& problems,
                              std::string_view fallbackTitle) {
   MusicDocument doc;
   doc.ppq = ppq_;
   doc.tracks.clear();
-  std::unordered_map<Uuid, int> trackOf;
-  trackOf.reserve(soundingNoteCount_);
+  std::unordered_map<Uuid, int> trackOf;  // of the notes that notices name
   std::map<int, int> partTrack;
   std::vector<NoticeRec> late;  // found while choosing tracks, placed on their tracks
 
@@ -1588,10 +1734,11 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
           e.tick = addTicks(e.tick, shift);
           events.push_back(std::move(e));
         }
-      std::stable_sort(events.begin(), events.end(),
-                       [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; });
+      const auto byTick = [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; };
+      // One voice is already in time order.
+      if (!std::is_sorted(events.begin(), events.end(), byTick))
+        std::stable_sort(events.begin(), events.end(), byTick);
       const int index = int(doc.tracks.size());
-      for (const NoteEvent& e : events) trackOf[e.id] = index;
       MusicTrack t;
       t.name = std::move(name);
       t.isMuted = muted;
@@ -1640,14 +1787,21 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
         if (lyricCount[v] > 0) {
           // A second singing line: its own track, sung when the user selects it.
           const int t = makeTrack(name, {&list}, false);
-          late.push_back({&nk::mxUnsungLyricLine, -2 - t, std::nullopt, list.front().ev.tick,
-                          doc.tracks[std::size_t(t)].name, lyricCount[v]});
+          late.push_back({&nk::mxUnsungLyricLine, -2 - t, std::nullopt,
+                          addTicks(list.front().ev.tick, shift), doc.tracks[std::size_t(t)].name,
+                          lyricCount[v]});
         } else {
           const int t = makeTrack(name, {&list}, true);
-          for (const Note& n : list)
-            if (!covered(n.ev.tick, n.ev.endTick()))
-              late.push_back({&nk::mxVoiceWithoutLyrics, -2 - t, n.ev.id, n.ev.tick,
-                              doc.tracks[std::size_t(t)].name, 1});
+          using S = ValidationIssue::Suggestion;
+          for (const Note& n : list) {
+            if (covered(n.ev.tick, n.ev.endTick())) continue;
+            // Back into the rests of the sung line, where it sounded in the score.
+            const std::int64_t tick = addTicks(n.ev.tick, shift);
+            Fixes back{{S::RemoveNotes{{n.ev.id}},
+                        S::AddNotes{mainTrack, {{tick, n.ev.duration, n.ev.pitch, n.ev.lyric}}}}};
+            late.push_back({&nk::mxVoiceWithoutLyrics, -2 - t, n.ev.id, tick,
+                            doc.tracks[std::size_t(t)].name, 1, std::move(back)});
+          }
         }
       }
     }
@@ -1656,18 +1810,33 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
                       partName.empty() ? p.id : partName, 1});
     }
 
-    // Other verses: verse 2 has its kind; the rest one kind per line.
+    // Other verses: verse 2 has its kind; the rest one kind per line. The button sings the
+    // verse on the notes that have it.
     std::map<std::string, std::vector<const VerseRec*>> byKey;
     for (const VerseRec& v : p.otherVerses) byKey[v.key].push_back(&v);
     for (const auto& [key, recs] : byKey) {
-      const ImportNoticeKind& kind = key == "2" ? nk::secondVerse : otherVerseKind(key);
+      const ImportNoticeKind& kind = key == "2" ? nk::secondVerse : otherVerseNoticeKind(key);
       for (const VerseRec* r : recs) {
         std::string where = key == "2" ? r->text : key + ": " + r->text;
-        late.push_back({&kind, pIndex, r->noteID, r->rawTick, std::move(where), 1});
+        Fixes sing{{ValidationIssue::Suggestion::SetLyrics{{{r->noteID, r->text}}}}};
+        late.push_back(
+            {&kind, pIndex, r->noteID, r->rawTick, std::move(where), 1, std::move(sing)});
       }
     }
   }
   if (doc.tracks.empty()) throw MusicXMLParseError::noNotes();
+
+  // Only the notes that notices name: a map of every note cost more than the rest of this step.
+  for (const NoticeRec& r : notices_)
+    if (r.noteID) trackOf.emplace(*r.noteID, -1);
+  for (const NoticeRec& r : late)
+    if (r.noteID) trackOf.emplace(*r.noteID, -1);
+  for (const GraceRestore& g : graceRestores_) trackOf.emplace(g.mainID, -1);
+  if (!trackOf.empty())
+    for (std::size_t t = 0; t < doc.tracks.size(); ++t)
+      for (const NoteEvent& n : doc.tracks[t].notes)
+        if (const auto it = trackOf.find(n.id); it != trackOf.end()) it->second = int(t);
+  std::erase_if(trackOf, [](const auto& entry) { return entry.second < 0; });
 
   for (std::size_t i = 0; i < doc.tracks.size(); ++i) {
     if (doc.tracks[i].name.empty()) doc.tracks[i].name = "Track " + std::to_string(i + 1);
@@ -1716,13 +1885,20 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
   if (doc.timeSignatures.empty() || doc.timeSignatures.front().tick != 0)
     doc.timeSignatures.insert(doc.timeSignatures.begin(), TimeSignatureEvent{});
 
+  // Keys: of the first part that became a track and names a key (a drum part left out, or a
+  // first part without any key, must not leave the song in C). Parts disagree only by
+  // transposition or by mistake, so one part's map is the song's.
   doc.keySignatures.clear();
-  for (KeySignatureEvent k : keyRecs_) {
-    k.tick = k.tick == 0 ? 0 : addTicks(k.tick, shiftOf(0));
-    if (!doc.keySignatures.empty() && doc.keySignatures.back().tick == k.tick)
-      doc.keySignatures.back() = k;
-    else if (doc.keySignatures.empty() || doc.keySignatures.back().fifths != k.fifths)
-      doc.keySignatures.push_back(k);
+  int keyPart = -1;
+  for (const KeyRec& k : keyRecs_)
+    if (partTrack.count(k.part) && (keyPart < 0 || k.part < keyPart)) keyPart = k.part;
+  for (const KeyRec& k : keyRecs_) {
+    if (k.part != keyPart) continue;
+    const KeySignatureEvent e{k.tick == 0 ? 0 : addTicks(k.tick, shiftOf(k.part)), k.fifths};
+    if (!doc.keySignatures.empty() && doc.keySignatures.back().tick == e.tick)
+      doc.keySignatures.back() = e;
+    else if (doc.keySignatures.empty() || doc.keySignatures.back().fifths != e.fifths)
+      doc.keySignatures.push_back(e);
   }
   if (doc.keySignatures.empty() || doc.keySignatures.front().tick != 0)
     doc.keySignatures.insert(doc.keySignatures.begin(), KeySignatureEvent{});
@@ -1756,8 +1932,9 @@ MusicDocument Reader::finish(const std::vector<MusicXMLUnfolder::FlowProblem>& p
         return;
       }
     }
-    doc.addNotice(*r.kind, track, r.noteID, tick, r.text, {}, r.count);
+    doc.addNotice(*r.kind, track, r.noteID, tick, r.text, r.fixes, r.count);
   };
+  settleFixes(doc, trackOf);
   for (const NoticeRec& r : notices_) resolve(r);
   for (const NoticeRec& r : late) resolve(r);
   return doc;
@@ -1777,6 +1954,7 @@ std::vector<std::vector<std::string>> MusicXMLParser::lyricLinesByPart(std::stri
   std::size_t at = 0;
   while ((at = text.find('<', at)) != std::string_view::npos) {
     ++at;
+    if (at >= text.size() || (text[at] != 'p' && text[at] != 'l')) continue;
     if (text.compare(at, 4, "part") == 0 && isTagEnd(at + 4)) {
       out.emplace_back();
     } else if (text.compare(at, 5, "lyric") == 0 && isTagEnd(at + 5) && !out.empty()) {

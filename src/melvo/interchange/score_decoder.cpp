@@ -308,6 +308,10 @@ int fractionalUnitScale(std::string_view text) {
   std::vector<double> values;
   std::size_t nextGt = 0;
   for (std::size_t i = text.find('<'); i != std::string_view::npos; i = text.find('<', i + 1)) {
+    // Most tags start with neither letter; comparing only those that might match keeps this
+    // pass a small part of an open.
+    const char first = i + 1 < text.size() ? text[i + 1] : '\0';
+    if (first != 'd' && first != 'o') continue;
     std::size_t nameEnd = 0;
     for (std::string_view name : {"duration", "divisions", "offset"}) {
       if (text.compare(i + 1, name.size(), name) == 0) nameEnd = i + 1 + name.size();

@@ -156,7 +156,14 @@ MELVO_NOTICE_KINDS(MELVO_DECLARE_NOTICE_KIND)
 #undef MELVO_DECLARE_NOTICE_KIND
 }  // namespace notice_kinds
 
+// Fixed kinds by key, and the verse kinds below made on demand.
 const ImportNoticeKind* findNoticeKind(std::string_view key);
+// Verses of a score beyond the second: one kind per verse, keyed "mxOtherVerse_" and the
+// verse's number, so that each verse is a row whose button sings that verse. They share one
+// set of words and live as long as the program, like the fixed kinds. `verse` is neither
+// empty nor "2" (verse 2 has `secondVerse`).
+const ImportNoticeKind& otherVerseNoticeKind(std::string_view verse);
+inline constexpr std::string_view kOtherVersePrefix = "mxOtherVerse_";
 const std::vector<const ImportNoticeKind*>& allNoticeKinds();
 
 // Kinds whose places are judged also by their lyric, and kinds a lyric edit does not retire.

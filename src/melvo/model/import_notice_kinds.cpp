@@ -5,8 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <deque>
+#include <mutex>
+#include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "melvo/model/import_notice.h"
 #include "melvo/platform/i18n.h"
@@ -132,9 +136,13 @@ const ImportNoticeKind notice_kinds::midiChannelsUndecided{
 // --- Shared by several readers ------------------------------------------------------------------
 
 const ImportNoticeKind notice_kinds::twoLyricsOnOneNote{
-    "twoLyricsOnOneNote", Sev::warning, Han::converted, Cat::multiSyllable, "", nullptr, {}};
+    "twoLyricsOnOneNote", Sev::warning, Han::converted, Cat::multiSyllable,
+    N_("1つの音符に2つ目の歌詞を足した所が %d か所あります（置く場所の無い装飾音の歌詞など）。"),
+    nullptr, {N_("装飾音を別の音に戻す")}};
 const ImportNoticeKind notice_kinds::elision{
-    "elision", Sev::info, Han::converted, Cat::multiSyllable, "", nullptr, {}};
+    "elision", Sev::info, Han::converted, Cat::multiSyllable,
+    N_("1つの音符で2つ以上の音節を続けて歌う所（エリジオン）が %d か所あります。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::midiLyricWithoutOnset{
     "midiLyricWithoutOnset", Sev::info, Han::converted, Cat::importNotice,
     N_("MIDI の歌詞のうち %d 個は、その位置に音の始まりがありません。すぐ後ろの音の頭を歌詞の位置へ寄せて歌います。"),
@@ -146,25 +154,43 @@ const ImportNoticeKind notice_kinds::midiOrnamentNotes{
 const ImportNoticeKind notice_kinds::secondVerse{
     "secondVerse", Sev::info, Han::dropped, Cat::importNotice,
     N_("2番の歌詞（%d音）があります。今は1番で歌います。"),
-    nullptr, {}};
+    nullptr, {N_("2番の歌詞で歌う")}};
 const ImportNoticeKind notice_kinds::cueNotesDropped{
-    "cueNotesDropped", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "cueNotesDropped", Sev::info, Han::dropped, Cat::importNotice,
+    N_("小さく書かれた音符（キュー）が %d 個ありました。歌う音ではないため、読み込んでいません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::fermata{
-    "fermata", Sev::warning, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "fermata", Sev::warning, Han::dropped, Cat::decoration,
+    N_("フェルマータが %d か所あります。音の長さは楽譜どおりで、伸ばしていません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::fermataOnRest{
-    "fermataOnRest", Sev::warning, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "fermataOnRest", Sev::warning, Han::dropped, Cat::decoration,
+    N_("休符の上のフェルマータが %d か所あります。休みの長さは楽譜どおりです。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::ornaments{
-    "ornaments", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "ornaments", Sev::info, Han::dropped, Cat::decoration,
+    N_("トリルなどの装飾記号が %d か所あります。NEUTRINO は装飾を歌い分けないため、使っていません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::glissando{
-    "glissando", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "glissando", Sev::info, Han::dropped, Cat::decoration,
+    N_("グリッサンドやしゃくりの記号が %d か所あります。音の高さの動きは付けていません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::wordsOnlyTempo{
-    "wordsOnlyTempo", Sev::warning, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+    "wordsOnlyTempo", Sev::warning, Han::dropped, Cat::tempoIssue,
+    N_("数の無い速度の言葉（Allegro など）が %d か所あります。テンポは変えていません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::wordsOnlyTempoDefault{
-    "wordsOnlyTempoDefault", Sev::warning, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+    "wordsOnlyTempoDefault", Sev::warning, Han::dropped, Cat::tempoIssue,
+    N_("数の無い速度の言葉（Allegro など）が %d か所あり、それより前にテンポがありません。♩=120 で読みました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::ritAccel{
-    "ritAccel", Sev::warning, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+    "ritAccel", Sev::warning, Han::dropped, Cat::tempoIssue,
+    N_("rit. や accel. が %d か所あります。テンポは変えずに読みました。"),
+    nullptr, {N_("テンポを少しずつ変える")}};
 const ImportNoticeKind notice_kinds::swing{
-    "swing", Sev::info, Han::dropped, Cat::tempoIssue, "", nullptr, {}};
+    "swing", Sev::info, Han::dropped, Cat::tempoIssue,
+    N_("スイングの指定が %d か所あります。8分音符は均等のまま読みました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::tempoInsideNote{
     "tempoInsideNote", Sev::info, Han::converted, Cat::tempoIssue,
     N_("音の途中でテンポが変わる所が %d か所あります。NEUTRINO は音の頭でしか変えられないため、音を2つに割ってタイでつなぎます。"),
@@ -178,7 +204,9 @@ const ImportNoticeKind notice_kinds::additiveMeter{
     N_("組み合わせの拍子（3+2/8 など）が %d か所あります。和の拍子として読みました。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::meterClamped{
-    "meterClamped", Sev::warning, Han::converted, Cat::timeSigIssue, "", nullptr, {}};
+    "meterClamped", Sev::warning, Han::converted, Cat::timeSigIssue,
+    N_("扱えない拍子が %d か所あります。近い拍子に直しました（元の拍子は場所の欄に出ています）。"),
+    nullptr, {}};
 // Kept word for word as its catalogue key, the trailing ellipsis included.
 const ImportNoticeKind notice_kinds::meterRebarred{
     "meterRebarred", Sev::info, Han::converted, Cat::timeSigIssue,
@@ -189,17 +217,25 @@ const ImportNoticeKind notice_kinds::dsWithoutSegno{
     N_("D.S. の戻り先（セーニョ）が見つからないので、繰り返しを展開していません。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::percussionDropped{
-    "percussionDropped", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "percussionDropped", Sev::info, Han::dropped, Cat::importNotice,
+    N_("音の高さの無い打楽器のパートが %d つありました。歌えないため、読み込んでいません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::spokenPart{
-    "spokenPart", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "spokenPart", Sev::warning, Han::kept, Cat::importNotice,
+    N_("音の高さの無い語りのパートが %d つあります。仮の高さで読みました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::singingStyleWords{
     "singingStyleWords", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::synthParameters{
     "synthParameters", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::lyricOnRest{
-    "lyricOnRest", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "lyricOnRest", Sev::warning, Han::dropped, Cat::importNotice,
+    N_("休符に付いた歌詞が %d 個あります。歌う音が無いため、使っていません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::gracesWithoutLyric{
-    "gracesWithoutLyric", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "gracesWithoutLyric", Sev::info, Han::dropped, Cat::decoration,
+    N_("歌詞の無い装飾音が %d 個あります。歌わない飾りのため、読み込んでいません。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::pitchOffsetWhole{
     "pitchOffsetWhole", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::silentInSource{
@@ -213,7 +249,9 @@ const ImportNoticeKind notice_kinds::tracksDropped{
 const ImportNoticeKind notice_kinds::falsetto{
     "falsetto", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::breathConverted{
-    "breathConverted", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "breathConverted", Sev::info, Han::converted, Cat::importNotice,
+    N_("ブレス記号が %d か所あります。その音の後ろのブレスとして読みました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::karaokeTextLyrics{
     "karaokeTextLyrics", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::smpteMIDI{
@@ -225,27 +263,45 @@ const ImportNoticeKind notice_kinds::smpteMIDI{
 // --- MusicXML -----------------------------------------------------------------------------------
 
 const ImportNoticeKind notice_kinds::mxSyllablesSplit{
-    "mxSyllablesSplit", Sev::info, Han::converted, Cat::multiSyllable, "", nullptr, {}};
+    "mxSyllablesSplit", Sev::info, Han::converted, Cat::multiSyllable,
+    N_("音素が多すぎて1つの音符では歌えない歌詞が %d 個ありました（NEUTRINO は1音に8個まで）。音節ごとに音符を分けました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxGraceNotPlaced{
-    "mxGraceNotPlaced", Sev::warning, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "mxGraceNotPlaced", Sev::warning, Han::dropped, Cat::decoration,
+    N_("歌詞のある装飾音のうち %d 個は、置く場所が無く読み込めませんでした（歌詞は場所の欄に出ています）。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxMetricModulation{
-    "mxMetricModulation", Sev::info, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+    "mxMetricModulation", Sev::info, Han::converted, Cat::tempoIssue,
+    N_("拍の置き換え（♩=♩. など）が %d か所あります。テンポに直して読みました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxSpecialNoteheads{
-    "mxSpecialNoteheads", Sev::info, Han::dropped, Cat::decoration, "", nullptr, {}};
+    "mxSpecialNoteheads", Sev::info, Han::dropped, Cat::decoration,
+    N_("特別な符頭（× など）の音が %d 個あります。ふつうの音として読みました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxPronunciationMarks{
-    "mxPronunciationMarks", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "mxPronunciationMarks", Sev::info, Han::dropped, Cat::importNotice,
+    N_("発音記号（IPA）が %d か所あります。発音記号は使わず、歌詞で歌います。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxCodaNotFound{
     "mxCodaNotFound", Sev::warning, Han::dropped, Cat::importNotice,
     N_("To Coda の飛び先（Coda）が見つからないので、跳ばずにそのまま歌います。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::mxTieAcrossGap{
-    "mxTieAcrossGap", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "mxTieAcrossGap", Sev::info, Han::dropped, Cat::importNotice,
+    N_("間のあいたタイが %d か所あります。つながずに2つの音のままにしました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxSlurMelisma{
-    "mxSlurMelisma", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "mxSlurMelisma", Sev::info, Han::converted, Cat::importNotice,
+    N_("スラーや伸ばし線の中の歌詞の無い音 %d 個を、前の音を伸ばす「ー」にしました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxUnreadablePitch{
-    "mxUnreadablePitch", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "mxUnreadablePitch", Sev::warning, Han::converted, Cat::importNotice,
+    N_("高さを読めない音が %d 個あります。仮の高さ（C4 など）に置きました。元の書き方は場所の欄に出ています。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxTempoOutOfRange{
-    "mxTempoOutOfRange", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+    "mxTempoOutOfRange", Sev::warning, Han::converted, Cat::tempoIssue,
+    N_("範囲（♩=1〜1000）の外のテンポが %d か所あります。1000 を超えるものは 1000 に、0 以下や数の無いものは前のテンポのままにしました。"),
+    nullptr, {}};
 const ImportNoticeKind notice_kinds::mxUnsungLyricLine{
     "mxUnsungLyricLine", Sev::info, Han::kept, Cat::importNotice,
     N_("このトラックにも歌詞のある線があります（%d音）。合成は選んでいるトラック1本だけを歌うため、このトラックは選んだ時だけ歌います。"),
@@ -253,9 +309,11 @@ const ImportNoticeKind notice_kinds::mxUnsungLyricLine{
 const ImportNoticeKind notice_kinds::mxVoiceWithoutLyrics{
     "mxVoiceWithoutLyrics", Sev::info, Han::converted, Cat::importNotice,
     N_("歌が休む所に、歌詞の無い別の声部（ピアノの段など）の音が %d 個ありました。歌わない別のトラックに分けました。"),
-    nullptr, {}};
+    nullptr, {N_("歌のトラックに戻す")}};
 const ImportNoticeKind notice_kinds::mxHummingLaughing{
-    "mxHummingLaughing", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "mxHummingLaughing", Sev::info, Han::dropped, Cat::importNotice,
+    N_("ハミングや笑い声の指定が %d か所あります。指定は使わず、歌詞のとおりに歌います。"),
+    nullptr, {}};
 
 // --- Piapro, common project checks, Synthesizer V -----------------------------------------------
 
@@ -359,7 +417,33 @@ const ImportNoticeKind* findNoticeKind(std::string_view key) {
       MELVO_NOTICE_KINDS(MELVO_NOTICE_KIND_ENTRY)};
 #undef MELVO_NOTICE_KIND_ENTRY
   const auto it = byKey.find(key);
-  return it == byKey.end() ? nullptr : it->second;
+  if (it != byKey.end()) return it->second;
+  if (key.starts_with(kOtherVersePrefix)) {
+    const std::string_view verse = key.substr(kOtherVersePrefix.size());
+    if (!verse.empty() && verse != "2") return &otherVerseNoticeKind(verse);
+  }
+  return nullptr;
+}
+
+const ImportNoticeKind& otherVerseNoticeKind(std::string_view verse) {
+  static std::mutex mutex;
+  // A deque: kinds handed out never move.
+  static std::deque<std::pair<std::string, ImportNoticeKind>> kinds;
+  std::lock_guard lock(mutex);
+  std::string key(kOtherVersePrefix);
+  key.append(verse);
+  for (const auto& [k, kind] : kinds)
+    if (k == key) return kind;
+  auto& entry = kinds.emplace_back(std::move(key), ImportNoticeKind{});
+  entry.second = ImportNoticeKind{
+      entry.first.c_str(),
+      Sev::info,
+      Han::dropped,
+      Cat::importNotice,
+      N_("ほかの番の歌詞（%d音）があります。今は歌いません（どの番かは場所の欄に出ています）。"),
+      nullptr,
+      {N_("この番の歌詞で歌う")}};
+  return entry.second;
 }
 
 namespace {
