@@ -24,7 +24,7 @@ namespace {
 
 using midi::PendingNotice;
 using midi::RawTrack;
-using midi::TextBytes;
+using midi::TextEvent;
 
 const char* failureKey(MIDIFileParser::Failure f) {
   switch (f) {
@@ -113,11 +113,13 @@ class TrackReader {
   RawTrack read(int index, std::size_t chunkOffset) {
     RawTrack track;
     track.index = index;
-    // Room for as many notes as the chunk can hold (6 bytes each at the densest), so that the
-    // list never moves while it grows; pages never written cost nothing.
+    // Room for as many notes as the chunk can hold (6 bytes each at the densest), and for as
+    // many lyrics (4 bytes each), so that no list moves while it grows; pages never written
+    // cost nothing.
     const std::size_t room = std::min(d_.size() / 6 + 1, MIDIFileParser::kNoteLimit + 1);
     track.notes.reserve(room);
     track.channels.reserve(room);
+    track.lyrics.reserve(std::min(d_.size() / 4 + 1, MIDIFileParser::kNoteLimit + 1));
     std::size_t pos = 0;
     std::int64_t tick = 0;
     int running = 0;
@@ -219,12 +221,20 @@ class TrackReader {
     if (type == 0x90 && b > 0) {
       if (++noteCount_ > MIDIFileParser::kNoteLimit) throw MIDIFileParser::TooManyNotes();
       open_[ch << 7 | a].push(track.notes.size());
-      NoteEvent& n = track.notes.emplace_back();
+      const std::int64_t at = std::clamp<std::int64_t>(tick, 0, maxTick);
+      if (!track.notes.empty()) {
+        const NoteEvent& last = track.notes.back();
+        if (at < last.tick || (at == last.tick && a > last.pitch)) track.inOnsetOrder = false;
+      }
+      // Default-made and filled in: a value-made note (and so a braced one) is zeroed
+      // first, which alone took a fifth of the reading's time.
+      NoteEvent n;
       n.id = ids_.next();
-      n.tick = std::clamp<std::int64_t>(tick, 0, maxTick);
+      n.tick = at;
       n.pitch = a;
       n.velocity = b;
-      track.channels.push_back(ch);
+      track.notes.push_back(std::move(n));
+      track.channels.push_back(std::uint8_t(ch));
       return;
     }
     if (type == 0x80 || type == 0x90) {
@@ -257,13 +267,13 @@ class TrackReader {
     const std::int64_t tick = time_.scale(rawTick);
     switch (meta) {
       case 0x01:
-        track.textBytes.push_back({tick, body, seq_++});
+        track.texts.push_back({tick, body, seq_++});
         break;
       case 0x03:
         if (track.nameBytes.empty()) track.nameBytes = body;
         break;
       case 0x05:
-        track.lyricBytes.push_back({tick, body, seq_++});
+        track.lyrics.push_back({tick, body, seq_++});
         break;
       case 0x51:
         if (body.size() >= 3 && !time_.smpte) {
@@ -362,26 +372,83 @@ std::string trimmed(std::string s) {
   return s;
 }
 
+struct Reading {
+  std::optional<std::string> utf8, sjis;
+};
+// Each distinct byte string among the file's texts, tried once in both encodings (lyrics
+// repeat a few syllables many times over). Decoded events point into it, so it lives until the
+// song is built; its keys point into the file's bytes.
+using Readings = std::unordered_map<std::string_view, Reading>;
+
+// Lyrics are a few bytes each. Those of up to 16 bytes are found by their bytes as two words
+// in a small open table: hashing and comparing them as strings took more time than reading
+// their notes.
+class ShortTexts {
+ public:
+  // The reading slot of the bytes, null when they are new.
+  const Reading*& slot(std::uint64_t a, std::uint64_t b, std::size_t size) {
+    if (2 * (used_ + 1) > slots_.size()) grow();
+    Slot& s = find(slots_, a, b, size);
+    if (s.size == 0) {
+      s = {a, b, size, nullptr};
+      ++used_;
+    }
+    return s.reading;
+  }
+
+ private:
+  struct Slot {
+    std::uint64_t a = 0, b = 0;
+    std::size_t size = 0;  // none stored is empty
+    const Reading* reading = nullptr;
+  };
+  static Slot& find(std::vector<Slot>& slots, std::uint64_t a, std::uint64_t b, std::size_t size) {
+    const std::size_t mask = slots.size() - 1;
+    std::size_t i =
+        std::size_t(((a * 0x9E3779B97F4A7C15ull) ^ ((b + size) * 0xC2B2AE3D27D4EB4Full)) >> 40) &
+        mask;
+    while (slots[i].size != 0 && (slots[i].a != a || slots[i].b != b || slots[i].size != size))
+      i = (i + 1) & mask;
+    return slots[i];
+  }
+  void grow() {
+    std::vector<Slot> bigger(slots_.size() * 2);
+    for (const Slot& s : slots_)
+      if (s.size != 0) find(bigger, s.a, s.b, s.size) = s;
+    slots_ = std::move(bigger);
+  }
+  std::vector<Slot> slots_ = std::vector<Slot>(256);
+  std::size_t used_ = 0;
+};
+
 // One choice between UTF-8 and Shift-JIS for the whole file: events that only one of them
 // reads vote; the winner decodes the events that both read. Bytes that neither reads are
 // dropped and counted; the notice shows them as Latin-1, so that what was lost can be seen.
-void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending) {
-  struct Reading {
-    std::optional<std::string> utf8, sjis;
-  };
-  // Lyrics repeat a few syllables many times over: each distinct byte string is tried once,
-  // and each event looks its string up once (nothing for plain ASCII).
-  std::unordered_map<std::string_view, Reading> tried;
-  const auto readingOf = [&](std::string_view b) -> const Reading* {
-    if (isAscii(b)) return nullptr;
+void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending,
+                 Readings& tried) {
+  const auto tryBoth = [&](std::string_view b) -> const Reading* {
     auto it = tried.find(b);
     if (it == tried.end())
       it = tried.emplace(b, Reading{charset::decode(b, "UTF-8"), charset::decodeShiftJIS(b)}).first;
     return &it->second;
   };
+  ShortTexts shortTexts;
+  // Each event looks its string up once (nothing for plain ASCII).
+  const auto readingOf = [&](std::string_view b) -> const Reading* {
+    if (b.size() <= 16) {
+      std::uint64_t w[2] = {0, 0};
+      for (std::size_t i = 0; i < b.size(); ++i)
+        w[i / 8] |= std::uint64_t(std::uint8_t(b[i])) << (8 * (i % 8));
+      if (((w[0] | w[1]) & 0x8080808080808080ull) == 0) return nullptr;  // ASCII
+      const Reading*& r = shortTexts.slot(w[0], w[1], b.size());
+      if (!r) r = tryBoth(b);
+      return r;
+    }
+    return isAscii(b) ? nullptr : tryBoth(b);
+  };
   std::vector<const Reading*> readings;  // every event's, in the order of the loops below
   std::size_t events = 0;
-  for (const RawTrack& t : tracks) events += 1 + t.lyricBytes.size() + t.textBytes.size();
+  for (const RawTrack& t : tracks) events += 1 + t.lyrics.size() + t.texts.size();
   readings.reserve(events);
   int utf8Only = 0, sjisOnly = 0;
   const auto vote = [&](std::string_view b) {
@@ -393,62 +460,79 @@ void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pend
   };
   for (const RawTrack& t : tracks) {
     vote(t.nameBytes);
-    for (const auto& e : t.lyricBytes) vote(e.bytes);
-    for (const auto& e : t.textBytes) vote(e.bytes);
+    for (const auto& e : t.lyrics) vote(e.text);
+    for (const auto& e : t.texts) vote(e.text);
   }
   const bool preferSJIS = sjisOnly > utf8Only;
   const bool settled = utf8Only != sjisOnly;
   std::size_t next = 0;
   // Nothing when neither reads the bytes; `garbled` when both do and the file did not settle.
-  const auto decode = [&](std::string_view b, bool& garbled) -> std::optional<std::string> {
+  const auto decode = [&](std::string_view b, bool& garbled) -> std::optional<std::string_view> {
     garbled = false;
     const Reading* r = readings[next++];
-    if (!r) return std::string(b);
+    if (!r) return b;
     if (r->utf8 && r->sjis) {
       garbled = !settled;
-      return preferSJIS ? r->sjis : r->utf8;
+      return preferSJIS ? *r->sjis : *r->utf8;
     }
-    return r->utf8 ? r->utf8 : r->sjis;
+    if (r->utf8) return *r->utf8;
+    if (r->sjis) return *r->sjis;
+    return std::nullopt;
   };
-  const auto unreadable = [&](const TextBytes& e) {
+  const auto unreadable = [&](const TextEvent& e) {
     pending.push_back({&notice_kinds::midiLyricUnreadable,
                        std::nullopt,
                        std::nullopt,
                        e.tick,
-                       trimmed(charset::decodeLatin1(e.bytes)),
+                       trimmed(charset::decodeLatin1(e.text)),
                        1,
                        {}});
   };
+  // Field by field: a whole event built and copied in stalls on its own fresh stores.
+  const auto keep = [](std::vector<TextEvent>& list, std::size_t at, const TextEvent& e,
+                       std::string_view text) {
+    TextEvent& to = list[at];
+    if (&to != &e) {
+      to.tick = e.tick;
+      to.seq = e.seq;
+    }
+    to.text = text;
+  };
   for (RawTrack& t : tracks) {
     bool garbled = false;
-    t.name = trimmed(decode(t.nameBytes, garbled).value_or(charset::decodeLatin1(t.nameBytes)));
-    t.lyrics.reserve(t.lyricBytes.size());
-    for (const auto& e : t.lyricBytes) {
-      auto text = decode(e.bytes, garbled);
+    const auto name = decode(t.nameBytes, garbled);
+    t.name = trimmed(name ? std::string(*name) : charset::decodeLatin1(t.nameBytes));
+    // Text events can be lyrics only in a track without lyric events; elsewhere an unreadable
+    // one (a heading, a copyright line) is no loss to the song.
+    const bool mayBeLyrics = t.lyrics.empty();
+    // Decoded in place; unreadable events leave the list.
+    std::size_t kept = 0;
+    for (const TextEvent& e : t.lyrics) {
+      const auto text = decode(e.text, garbled);
       if (!text) {
         unreadable(e);
         continue;
       }
       if (garbled)
-        pending.push_back(
-            {&notice_kinds::midiLyricGarbled, std::nullopt, std::nullopt, e.tick, *text, 1, {}});
-      t.lyrics.push_back({e.tick, std::move(*text), e.seq});
+        pending.push_back({&notice_kinds::midiLyricGarbled,
+                           std::nullopt,
+                           std::nullopt,
+                           e.tick,
+                           std::string(*text),
+                           1,
+                           {}});
+      keep(t.lyrics, kept++, e, *text);
     }
-    // Text events can be lyrics only in a track without lyric events; elsewhere an unreadable
-    // one (a heading, a copyright line) is no loss to the song.
-    const bool mayBeLyrics = t.lyricBytes.empty();
-    for (const auto& e : t.textBytes) {
-      if (auto text = decode(e.bytes, garbled))
-        t.texts.push_back({e.tick, std::move(*text), e.seq});
+    t.lyrics.erase(t.lyrics.begin() + std::ptrdiff_t(kept), t.lyrics.end());
+    kept = 0;
+    for (const TextEvent& e : t.texts) {
+      if (const auto text = decode(e.text, garbled))
+        keep(t.texts, kept++, e, *text);
       else if (mayBeLyrics)
         unreadable(e);
     }
+    t.texts.erase(t.texts.begin() + std::ptrdiff_t(kept), t.texts.end());
     t.karaokeTag = !t.texts.empty() && t.texts.front().text.starts_with("@");
-  }
-  tried.clear();  // its keys point into the bytes
-  for (RawTrack& t : tracks) {
-    t.lyricBytes.clear();
-    t.textBytes.clear();
   }
 }
 
@@ -551,7 +635,8 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
   std::stable_sort(doc.keySignatures.begin(), doc.keySignatures.end(), byTick);
   doc.repairMaps();
 
-  decodeTexts(tracks, pending);
+  Readings readings;
+  decodeTexts(tracks, pending, readings);
   midi::placeLyrics(std::move(tracks), doc, std::move(pending));
   return doc;
 }
