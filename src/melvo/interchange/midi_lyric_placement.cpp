@@ -375,6 +375,7 @@ class Placer {
     auto cursor = notes.begin();
     for (TextEvent& l : w.lyrics) {
       while (cursor != notes.end() && cursor->tick < l.tick) ++cursor;
+      notes.prefetch(std::size_t(cursor - notes.begin()) + 8);
       auto at = cursor;
       if (at != notes.end() && at->tick == l.tick) {
         auto end = at;
@@ -488,6 +489,7 @@ class Placer {
     };
     std::size_t kept = 0;
     for (std::size_t i = 0; i < keep.size(); ++i) {
+      keep.prefetch(i + 8);
       NoteEvent& n = keep[i];
       const bool stays = [&] {
         if (!n.lyric.empty()) {

@@ -28,6 +28,8 @@ struct TextEvent {
   std::int64_t tick = 0;
   std::string_view text;
   int seq = 0;  // order in the file, breaks ties between events at one tick
+  // The reader's number for the event's bytes until they are decoded (0: plain ASCII).
+  std::uint32_t entry = 0;
 };
 
 // A track's notes in the chunks a song's note list keeps, so that the finished track takes
@@ -110,17 +112,24 @@ class NoteChunks {
   const_iterator begin() const { return {this, 0}; }
   const_iterator end() const { return {this, std::ptrdiff_t(size_)}; }
 
+  // Asks for the note ahead of a walk: notes are spread over chunks, which the processor's
+  // own look-ahead does not follow.
+  void prefetch(std::size_t i) const {
+    if (i < size_) __builtin_prefetch(&(*this)[i]);
+  }
+
   // Room for the chunk list of `notes` notes; the chunks themselves come as notes arrive.
   void reserve(std::size_t notes) { chunks_.reserve((notes + kChunk - 1) / kChunk); }
-  NoteEvent& push_back(NoteEvent&& n) {
+  // Copies or moves `n` straight into its place.
+  template <typename Note>
+  NoteEvent& push_back(Note&& n) {
     if (size_ % kChunk == 0) {
       chunks_.emplace_back();
       chunks_.back().reserve(kChunk);
     }
     ++size_;
-    return chunks_.back().emplace_back(std::move(n));
+    return chunks_.back().emplace_back(std::forward<Note>(n));
   }
-  NoteEvent& push_back(const NoteEvent& n) { return push_back(NoteEvent(n)); }
   // Keeps the first `n` notes.
   void truncate(std::size_t n) {
     if (n >= size_) return;
