@@ -52,10 +52,6 @@ class NoteChunks {
 
     Iter() = default;
     Iter(Owner* owner, difference_type i) : owner_(owner), i_(i) {}
-    template <bool C = Const, std::enable_if_t<!C, int> = 0>
-    operator Iter<true>() const {
-      return Iter<true>(owner_, i_);
-    }
 
     reference operator*() const { return (*owner_)[std::size_t(i_)]; }
     pointer operator->() const { return &**this; }
