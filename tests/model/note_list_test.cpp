@@ -92,7 +92,7 @@ TEST(NoteList, AdoptedChunksIndexWhateverTheirSizes) {
   chunks[3] = {note(t++), note(t++)};
   NoteList l;
   l.assignChunks(std::move(chunks));
-  ASSERT_EQ(l.size(), NoteList::kChunk + 2);
+  ASSERT_EQ(l.size(), 2 * NoteList::kChunk + 2);
   for (std::size_t i = 0; i < l.size(); ++i) EXPECT_EQ(l[i].tick, std::int64_t(i));
   std::vector<std::vector<NoteEvent>> uneven(2);
   uneven[0] = {note(0), note(1), note(2)};
