@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "interchange/midi_reader_builder.h"
 #include "melvo/interchange/midi_file_reader.h"
@@ -197,6 +199,35 @@ TEST(MidiReaderFile, ShiftJisAndUtf8LyricsBothReadAsKana) {
   both.text(0, "\xA9 caf\xE9").sung(0, 60, 480, "あ");
   EXPECT_EQ(findNotice(MIDIFileParser::parseBytes(test::midiFile({both})), "midiLyricUnreadable"),
             nullptr);
+}
+
+// Hundreds of distinct lyrics, short and long, on chords written low note first: every
+// syllable keeps its own text, the chords come out higher note first across the reader's
+// chunks of notes, and no two notes share an id.
+TEST(MidiReaderFile, ManyDistinctLyricsStayOnTheirNotesInALongTrack) {
+  const std::string kana[] = {"あ", "か", "さ", "た", "な", "は", "ま", "や", "ら", "わ"};
+  std::vector<std::string> lyrics;
+  TrackBytes t;
+  for (int i = 0; i < 400; ++i) {
+    std::string l;
+    for (int k = 0; k <= i / 10; ++k) l += kana[i % 10];  // up to 40 kana, 120 bytes
+    lyrics.push_back(l);
+    t.lyric(0, l).on(0, 50).on(0, 70).off(480, 50).off(0, 70);
+  }
+  const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
+  ASSERT_EQ(d.tracks.size(), 1u);
+  const NoteList& notes = d.tracks[0].notes;
+  ASSERT_EQ(notes.size(), 800u);
+  std::set<Uuid> ids;
+  for (std::size_t i = 0; i < notes.size(); ++i) {
+    const NoteEvent& n = notes[i];
+    ids.insert(n.id);
+    EXPECT_EQ(n.tick, std::int64_t(i / 2) * 480);
+    EXPECT_EQ(n.pitch, i % 2 ? 50 : 70);
+    EXPECT_EQ(n.lyric, i % 2 ? "" : lyrics[i / 2]) << i;
+  }
+  EXPECT_EQ(ids.size(), notes.size());
+  EXPECT_TRUE(d.importNotices.empty());
 }
 
 TEST(MidiReaderFile, StopsPastTheNoteLimit) {

@@ -83,5 +83,25 @@ TEST(NoteList, InsertEraseAndRemoveIfKeepIndexing) {
   for (const auto& n : grown) EXPECT_EQ(grown[i++].tick, n.tick) << i;
 }
 
+TEST(NoteList, AdoptedChunksIndexWhateverTheirSizes) {
+  // Full chunks index by division; an empty or short one in the middle must not break that.
+  std::vector<std::vector<NoteEvent>> chunks(4);
+  std::int64_t t = 0;
+  for (std::size_t c : {std::size_t(0), std::size_t(2)})
+    for (std::size_t i = 0; i < NoteList::kChunk; ++i) chunks[c].push_back(note(t++));
+  chunks[3] = {note(t++), note(t++)};
+  NoteList l;
+  l.assignChunks(std::move(chunks));
+  ASSERT_EQ(l.size(), 2 * NoteList::kChunk + 2);
+  for (std::size_t i = 0; i < l.size(); ++i) EXPECT_EQ(l[i].tick, std::int64_t(i));
+  std::vector<std::vector<NoteEvent>> uneven(2);
+  uneven[0] = {note(0), note(1), note(2)};
+  for (std::size_t i = 0; i < NoteList::kChunk; ++i) uneven[1].push_back(note(3 + std::int64_t(i)));
+  l.assignChunks(std::move(uneven));
+  ASSERT_EQ(l.size(), NoteList::kChunk + 3);
+  EXPECT_EQ(l[NoteList::kChunk].tick, std::int64_t(NoteList::kChunk));
+  EXPECT_EQ(l.back().tick, std::int64_t(NoteList::kChunk + 2));
+}
+
 }  // namespace
 }  // namespace melvo

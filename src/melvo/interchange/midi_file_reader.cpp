@@ -5,6 +5,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <deque>
 #include <random>
 #include <type_traits>
 #include <unordered_map>
@@ -24,7 +25,7 @@ namespace {
 
 using midi::PendingNotice;
 using midi::RawTrack;
-using midi::TextBytes;
+using midi::TextEvent;
 
 const char* failureKey(MIDIFileParser::Failure f) {
   switch (f) {
@@ -96,11 +97,140 @@ struct TimeBase {
 
 using IdSource = UuidSequence;
 
+bool isAscii(std::string_view s) {
+  return std::all_of(s.begin(), s.end(), [](char c) { return std::uint8_t(c) < 0x80; });
+}
+
+std::string trimmed(std::string s) {
+  const auto notSpace = [](unsigned char c) {
+    return c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != 0;
+  };
+  s.erase(s.begin(), std::find_if(s.begin(), s.end(), notSpace));
+  s.erase(std::find_if(s.rbegin(), s.rend(), notSpace).base(), s.end());
+  return s;
+}
+
+// Lyrics are a few bytes each. Those of up to 16 bytes are found by their bytes as two words
+// in a small open table: hashing and comparing them as strings took more time than reading
+// their notes.
+class ShortTexts {
+ public:
+  // The entry number slot of the bytes, 0 when they are new.
+  std::uint32_t& slot(std::uint64_t a, std::uint64_t b, std::size_t size) {
+    if (2 * (used_ + 1) > slots_.size()) grow();
+    Slot& s = find(slots_, a, b, size);
+    if (s.size == 0) {
+      s = {a, b, size, 0};
+      ++used_;
+    }
+    return s.entry;
+  }
+
+ private:
+  struct Slot {
+    std::uint64_t a = 0, b = 0;
+    std::size_t size = 0;  // none stored is empty
+    std::uint32_t entry = 0;
+  };
+  static Slot& find(std::vector<Slot>& slots, std::uint64_t a, std::uint64_t b, std::size_t size) {
+    const std::size_t mask = slots.size() - 1;
+    std::size_t i =
+        std::size_t(((a * 0x9E3779B97F4A7C15ull) ^ ((b + size) * 0xC2B2AE3D27D4EB4Full)) >> 40) &
+        mask;
+    while (slots[i].size != 0 && (slots[i].a != a || slots[i].b != b || slots[i].size != size))
+      i = (i + 1) & mask;
+    return slots[i];
+  }
+  void grow() {
+    std::vector<Slot> bigger(slots_.size() * 2);
+    for (const Slot& s : slots_)
+      if (s.size != 0) find(bigger, s.a, s.b, s.size) = s;
+    slots_ = std::move(bigger);
+  }
+  std::vector<Slot> slots_ = std::vector<Slot>(256);
+  std::size_t used_ = 0;
+};
+
+// Each distinct byte string among the file's texts that is not plain ASCII, numbered as the
+// tracks are read (lyrics repeat a few syllables many times over), then tried once in both
+// encodings. Decoded events point into it, so it lives until the song is built.
+class TextTable {
+ public:
+  struct Entry {
+    std::string_view bytes;
+    int events = 0;
+    std::optional<std::string> utf8, sjis;
+    std::optional<std::string_view> chosen;  // none when neither encoding reads the bytes
+    bool garbled = false;                    // both read them and the file did not settle
+  };
+
+  // Counts an event with these bytes; 0 for plain ASCII, else its entry's number.
+  std::uint32_t add(std::string_view b) {
+    std::uint32_t* number = nullptr;
+    if (b.size() <= 16) {
+      // Gathered in registers: bytes stored and read back as words stall the processor.
+      std::uint64_t lo = 0, hi = 0;
+      const std::size_t n = b.size();
+      for (std::size_t i = 0; i < n && i < 8; ++i)
+        lo |= std::uint64_t(std::uint8_t(b[i])) << (8 * i);
+      for (std::size_t i = 8; i < n; ++i) hi |= std::uint64_t(std::uint8_t(b[i])) << (8 * (i - 8));
+      if (((lo | hi) & 0x8080808080808080ull) == 0) return 0;
+      number = &short_.slot(lo, hi, n);
+    } else {
+      if (isAscii(b)) return 0;
+      number = &long_[b];
+    }
+    if (*number == 0) {
+      entries_.emplace_back().bytes = b;
+      events_.push_back(0);
+      *number = std::uint32_t(entries_.size());
+    }
+    const std::uint32_t found = *number;
+    ++events_[found - 1];
+    return found;
+  }
+
+  // One choice between UTF-8 and Shift-JIS for the whole file: events that only one of them
+  // reads vote; the winner decodes the events that both read.
+  void settle() {
+    int utf8Only = 0, sjisOnly = 0;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      Entry& e = entries_[i];
+      e.events = events_[i];
+      e.utf8 = charset::decode(e.bytes, "UTF-8");
+      e.sjis = charset::decodeShiftJIS(e.bytes);
+      if (e.utf8 && !e.sjis) utf8Only += e.events;
+      if (e.sjis && !e.utf8) sjisOnly += e.events;
+    }
+    const bool preferSJIS = sjisOnly > utf8Only;
+    const bool settled = utf8Only != sjisOnly;
+    for (Entry& e : entries_) {
+      if (e.utf8 && e.sjis) {
+        e.garbled = !settled;
+        e.chosen = preferSJIS ? *e.sjis : *e.utf8;
+      } else if (e.utf8) {
+        e.chosen = *e.utf8;
+      } else if (e.sjis) {
+        e.chosen = *e.sjis;
+      }
+    }
+  }
+
+  const Entry& entry(std::uint32_t number) const { return entries_[number - 1]; }
+
+ private:
+  ShortTexts short_;
+  std::unordered_map<std::string_view, std::uint32_t> long_;
+  std::deque<Entry> entries_;  // a deque, so that views of its strings stay put
+  std::vector<int> events_;    // counted apart: a deque's element costs a division to find
+};
+
 // Reads one MTrk chunk's events.
 class TrackReader {
  public:
   TrackReader(std::string_view data, const TimeBase& time, MusicDocument& doc, int& damage,
-              std::size_t& noteCount, int& seq, std::vector<PendingNotice>& pending, IdSource& ids)
+              std::size_t& noteCount, int& seq, std::vector<PendingNotice>& pending, IdSource& ids,
+              TextTable& texts)
       : ids_(ids),
         d_(data),
         time_(time),
@@ -108,16 +238,19 @@ class TrackReader {
         damage_(damage),
         noteCount_(noteCount),
         seq_(seq),
-        pending_(pending) {}
+        pending_(pending),
+        texts_(texts) {}
 
   RawTrack read(int index, std::size_t chunkOffset) {
     RawTrack track;
     track.index = index;
-    // Room for as many notes as the chunk can hold (6 bytes each at the densest), so that the
-    // list never moves while it grows; pages never written cost nothing.
+    // Room for as many notes as the chunk can hold (6 bytes each at the densest), and for as
+    // many lyrics (4 bytes each), so that no list moves while it grows; pages never written
+    // cost nothing.
     const std::size_t room = std::min(d_.size() / 6 + 1, MIDIFileParser::kNoteLimit + 1);
     track.notes.reserve(room);
     track.channels.reserve(room);
+    track.lyrics.reserve(std::min(d_.size() / 4 + 1, MIDIFileParser::kNoteLimit + 1));
     std::size_t pos = 0;
     std::int64_t tick = 0;
     int running = 0;
@@ -219,12 +352,21 @@ class TrackReader {
     if (type == 0x90 && b > 0) {
       if (++noteCount_ > MIDIFileParser::kNoteLimit) throw MIDIFileParser::TooManyNotes();
       open_[ch << 7 | a].push(track.notes.size());
-      NoteEvent& n = track.notes.emplace_back();
+      const std::int64_t at = std::clamp<std::int64_t>(tick, 0, maxTick);
+      if (!track.notes.empty()) {
+        const NoteEvent& last = track.notes.back();
+        if (at < last.tick || (at == last.tick && a > last.pitch)) track.inOnsetOrder = false;
+      }
+      // A blank note copied in and filled in place: a value-made note (and so a braced one)
+      // is zeroed first, and a note made aside and moved in is read back right after its
+      // fields were written; either took a fifth of the reading's time.
+      static const NoteEvent blank;
+      NoteEvent& n = track.notes.push_back(blank);
       n.id = ids_.next();
-      n.tick = std::clamp<std::int64_t>(tick, 0, maxTick);
+      n.tick = at;
       n.pitch = a;
       n.velocity = b;
-      track.channels.push_back(ch);
+      track.channels.push_back(std::uint8_t(ch));
       return;
     }
     if (type == 0x80 || type == 0x90) {
@@ -257,13 +399,13 @@ class TrackReader {
     const std::int64_t tick = time_.scale(rawTick);
     switch (meta) {
       case 0x01:
-        track.textBytes.push_back({tick, body, seq_++});
+        track.texts.push_back({tick, body, seq_++, texts_.add(body)});
         break;
       case 0x03:
         if (track.nameBytes.empty()) track.nameBytes = body;
         break;
       case 0x05:
-        track.lyricBytes.push_back({tick, body, seq_++});
+        track.lyrics.push_back({tick, body, seq_++, texts_.add(body)});
         break;
       case 0x51:
         if (body.size() >= 3 && !time_.smpte) {
@@ -322,6 +464,7 @@ class TrackReader {
   std::size_t& noteCount_;
   int& seq_;
   std::vector<PendingNotice>& pending_;
+  TextTable& texts_;
   // Notes still sounding, oldest first, by channel and pitch.
   class OpenNotes {
    public:
@@ -349,106 +492,80 @@ class TrackReader {
   int rangeCents_[16] = {};
 };
 
-bool isAscii(std::string_view s) {
-  return std::all_of(s.begin(), s.end(), [](char c) { return std::uint8_t(c) < 0x80; });
-}
-
-std::string trimmed(std::string s) {
-  const auto notSpace = [](unsigned char c) {
-    return c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != 0;
-  };
-  s.erase(s.begin(), std::find_if(s.begin(), s.end(), notSpace));
-  s.erase(std::find_if(s.rbegin(), s.rend(), notSpace).base(), s.end());
-  return s;
-}
-
-// One choice between UTF-8 and Shift-JIS for the whole file: events that only one of them
-// reads vote; the winner decodes the events that both read. Bytes that neither reads are
-// dropped and counted; the notice shows them as Latin-1, so that what was lost can be seen.
-void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending) {
-  struct Reading {
-    std::optional<std::string> utf8, sjis;
-  };
-  // Lyrics repeat a few syllables many times over: each distinct byte string is tried once,
-  // and each event looks its string up once (nothing for plain ASCII).
-  std::unordered_map<std::string_view, Reading> tried;
-  const auto readingOf = [&](std::string_view b) -> const Reading* {
-    if (isAscii(b)) return nullptr;
-    auto it = tried.find(b);
-    if (it == tried.end())
-      it = tried.emplace(b, Reading{charset::decode(b, "UTF-8"), charset::decodeShiftJIS(b)}).first;
-    return &it->second;
-  };
-  std::vector<const Reading*> readings;  // every event's, in the order of the loops below
-  std::size_t events = 0;
-  for (const RawTrack& t : tracks) events += 1 + t.lyricBytes.size() + t.textBytes.size();
-  readings.reserve(events);
-  int utf8Only = 0, sjisOnly = 0;
-  const auto vote = [&](std::string_view b) {
-    const Reading* r = readingOf(b);
-    readings.push_back(r);
-    if (!r) return;
-    if (r->utf8 && !r->sjis) ++utf8Only;
-    if (r->sjis && !r->utf8) ++sjisOnly;
-  };
-  for (const RawTrack& t : tracks) {
-    vote(t.nameBytes);
-    for (const auto& e : t.lyricBytes) vote(e.bytes);
-    for (const auto& e : t.textBytes) vote(e.bytes);
-  }
-  const bool preferSJIS = sjisOnly > utf8Only;
-  const bool settled = utf8Only != sjisOnly;
-  std::size_t next = 0;
-  // Nothing when neither reads the bytes; `garbled` when both do and the file did not settle.
-  const auto decode = [&](std::string_view b, bool& garbled) -> std::optional<std::string> {
-    garbled = false;
-    const Reading* r = readings[next++];
-    if (!r) return std::string(b);
-    if (r->utf8 && r->sjis) {
-      garbled = !settled;
-      return preferSJIS ? r->sjis : r->utf8;
-    }
-    return r->utf8 ? r->utf8 : r->sjis;
-  };
-  const auto unreadable = [&](const TextBytes& e) {
+// Bytes that neither encoding reads are dropped and counted; the notice shows them as Latin-1,
+// so that what was lost can be seen.
+void decodeTexts(std::vector<RawTrack>& tracks, std::vector<PendingNotice>& pending,
+                 TextTable& table) {
+  std::vector<std::uint32_t> names;
+  for (const RawTrack& t : tracks) names.push_back(table.add(t.nameBytes));
+  table.settle();
+  const auto unreadable = [&](const TextEvent& e) {
     pending.push_back({&notice_kinds::midiLyricUnreadable,
                        std::nullopt,
                        std::nullopt,
                        e.tick,
-                       trimmed(charset::decodeLatin1(e.bytes)),
+                       trimmed(charset::decodeLatin1(e.text)),
                        1,
                        {}});
   };
-  for (RawTrack& t : tracks) {
-    bool garbled = false;
-    t.name = trimmed(decode(t.nameBytes, garbled).value_or(charset::decodeLatin1(t.nameBytes)));
-    t.lyrics.reserve(t.lyricBytes.size());
-    for (const auto& e : t.lyricBytes) {
-      auto text = decode(e.bytes, garbled);
-      if (!text) {
-        unreadable(e);
-        continue;
-      }
-      if (garbled)
-        pending.push_back(
-            {&notice_kinds::midiLyricGarbled, std::nullopt, std::nullopt, e.tick, *text, 1, {}});
-      t.lyrics.push_back({e.tick, std::move(*text), e.seq});
+  // Decoded in place, field by field (a whole event built and copied in stalls on its own
+  // fresh stores); unreadable events leave the list.
+  const auto keep = [](std::vector<TextEvent>& list, std::size_t to, std::size_t from,
+                       std::string_view text) {
+    TextEvent& e = list[to];
+    if (to != from) {
+      e.tick = list[from].tick;
+      e.seq = list[from].seq;
+    }
+    e.text = text;
+  };
+  for (std::size_t ti = 0; ti < tracks.size(); ++ti) {
+    RawTrack& t = tracks[ti];
+    if (names[ti] == 0) {
+      t.name = trimmed(std::string(t.nameBytes));
+    } else {
+      const TextTable::Entry& e = table.entry(names[ti]);
+      t.name = trimmed(e.chosen ? std::string(*e.chosen) : charset::decodeLatin1(t.nameBytes));
     }
     // Text events can be lyrics only in a track without lyric events; elsewhere an unreadable
     // one (a heading, a copyright line) is no loss to the song.
-    const bool mayBeLyrics = t.lyricBytes.empty();
-    for (const auto& e : t.textBytes) {
-      if (auto text = decode(e.bytes, garbled))
-        t.texts.push_back({e.tick, std::move(*text), e.seq});
-      else if (mayBeLyrics)
-        unreadable(e);
+    const bool mayBeLyrics = t.lyrics.empty();
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < t.lyrics.size(); ++i) {
+      const TextEvent& l = t.lyrics[i];
+      if (l.entry == 0) {
+        keep(t.lyrics, kept++, i, l.text);
+        continue;
+      }
+      const TextTable::Entry& e = table.entry(l.entry);
+      if (!e.chosen) {
+        unreadable(l);
+        continue;
+      }
+      if (e.garbled)
+        pending.push_back({&notice_kinds::midiLyricGarbled,
+                           std::nullopt,
+                           std::nullopt,
+                           l.tick,
+                           std::string(*e.chosen),
+                           1,
+                           {}});
+      keep(t.lyrics, kept++, i, *e.chosen);
     }
+    t.lyrics.erase(t.lyrics.begin() + std::ptrdiff_t(kept), t.lyrics.end());
+    kept = 0;
+    for (std::size_t i = 0; i < t.texts.size(); ++i) {
+      const TextEvent& x = t.texts[i];
+      const TextTable::Entry* e = x.entry == 0 ? nullptr : &table.entry(x.entry);
+      if (!e)
+        keep(t.texts, kept++, i, x.text);
+      else if (e->chosen)
+        keep(t.texts, kept++, i, *e->chosen);
+      else if (mayBeLyrics)
+        unreadable(x);
+    }
+    t.texts.erase(t.texts.begin() + std::ptrdiff_t(kept), t.texts.end());
     t.karaokeTag = !t.texts.empty() && t.texts.front().text.starts_with("@");
-  }
-  tried.clear();  // its keys point into the bytes
-  for (RawTrack& t : tracks) {
-    t.lyricBytes.clear();
-    t.textBytes.clear();
   }
 }
 
@@ -515,6 +632,7 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
   int seq = 0;
   std::vector<RawTrack> tracks;
   IdSource ids;
+  TextTable texts;  // the tracks' decoded texts point into it
   std::size_t pos = std::min<std::uint64_t>(8 + headerLength, data.size());
   int chunks = 0;
   while (pos + 8 <= data.size()) {
@@ -526,8 +644,8 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
       ++damage;
     }
     if (name == "MTrk") {
-      TrackReader reader(data.substr(body, length), time, doc, damage, noteCount, seq, pending,
-                         ids);
+      TrackReader reader(data.substr(body, length), time, doc, damage, noteCount, seq, pending, ids,
+                         texts);
       tracks.push_back(reader.read(int(tracks.size()), body));
     }
     ++chunks;
@@ -551,7 +669,7 @@ MusicDocument MIDIFileParser::parseBytes(std::string_view file) {
   std::stable_sort(doc.keySignatures.begin(), doc.keySignatures.end(), byTick);
   doc.repairMaps();
 
-  decodeTexts(tracks, pending);
+  decodeTexts(tracks, pending, texts);
   midi::placeLyrics(std::move(tracks), doc, std::move(pending));
   return doc;
 }

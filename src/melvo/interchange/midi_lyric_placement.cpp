@@ -18,8 +18,9 @@ namespace nk = notice_kinds;
 // A track while the placement works on it.
 struct Work {
   std::string name;
-  std::vector<NoteEvent> notes;
-  std::vector<int> channels;
+  NoteChunks notes;
+  bool inOnsetOrder = false;  // by tick, the higher first at one tick
+  std::vector<std::uint8_t> channels;
   std::vector<TextEvent> lyrics;
   bool muted = false;
   int rawIndex = -1;
@@ -65,6 +66,7 @@ class Placer {
       Work w;
       w.name = r.name.empty() ? "Track " + std::to_string(tracks_.size() + 1) : r.name;
       w.notes = std::move(r.notes);
+      w.inOnsetOrder = r.inOnsetOrder;
       w.channels = std::move(r.channels);
       w.lyrics = std::move(r.lyrics);
       w.rawIndex = r.index;
@@ -104,10 +106,10 @@ class Placer {
     bool any = false;
     for (const TextEvent& t : r.texts) {
       if (t.text.starts_with("@")) continue;
-      std::string s = t.text;
-      while (!s.empty() && (s.front() == '/' || s.front() == '\\')) s.erase(0, 1);
-      while (!s.empty() && (s.back() == ' ' || s.back() == '-')) s.pop_back();
-      while (!s.empty() && s.front() == ' ') s.erase(0, 1);
+      std::string_view s = t.text;
+      while (!s.empty() && (s.front() == '/' || s.front() == '\\')) s.remove_prefix(1);
+      while (!s.empty() && (s.back() == ' ' || s.back() == '-')) s.remove_suffix(1);
+      while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
       if (s.empty()) continue;
       r.lyrics.push_back({t.tick, s, t.seq});
       any = true;
@@ -119,7 +121,7 @@ class Placer {
   }
 
   // Onsets of a track, sorted.
-  static std::vector<std::int64_t> onsets(const std::vector<NoteEvent>& notes) {
+  static std::vector<std::int64_t> onsets(const NoteChunks& notes) {
     std::vector<std::int64_t> o;
     o.reserve(notes.size());
     for (const NoteEvent& n : notes) o.push_back(n.tick);
@@ -196,7 +198,7 @@ class Placer {
       lyric[*free] = t.text;
       placeOf[*free] = int(h);
       noteOf[h] = n.id;
-      edits[h].push_back({n.id, t.text});
+      edits[h].push_back({n.id, std::string(t.text)});
       if (onset != t.tick) {
         tick[*free] = t.tick;
         fixes[h].push_back(ValidationIssue::Suggestion::SetTiming{
@@ -217,7 +219,7 @@ class Placer {
     }
     for (std::size_t h = 0; h < hits.size(); ++h) {
       const std::size_t at =
-          note(nk::midiTextNotLyrics, track, nullptr, hits[h].tick, hits[h].text);
+          note(nk::midiTextNotLyrics, track, nullptr, hits[h].tick, std::string(hits[h].text));
       pending_[at].noteID = noteOf[h];
       if (edits[h].empty()) continue;
       fixes[h].insert(fixes[h].begin(), ValidationIssue::Suggestion::SetLyrics{edits[h]});
@@ -297,6 +299,7 @@ class Placer {
     const int sing = ratings[0].second;
     Work rest;
     rest.rawIndex = w.rawIndex;
+    rest.inOnsetOrder = w.inOnsetOrder;
     Work keep = w;
     keep.notes.clear();
     keep.channels.clear();
@@ -332,12 +335,13 @@ class Placer {
         const std::int64_t off = n.tick - l.tick;
         n.duration = std::max<std::int64_t>(1, n.duration + off);
         n.tick = l.tick;
+        w.inOnsetOrder = false;
         note(nk::midiNearOnsetsMerged, ti, &n, n.tick, std::to_string(off));
       }
       if (any)
         kept.push_back(l);
       else
-        note(nk::midiLyricNotPlaced, ti, nullptr, l.tick, l.text);
+        note(nk::midiLyricNotPlaced, ti, nullptr, l.tick, std::string(l.text));
     }
     w.lyrics = std::move(kept);
   }
@@ -347,10 +351,11 @@ class Placer {
     const auto byOnset = [](const NoteEvent& a, const NoteEvent& b) {
       return a.tick != b.tick ? a.tick < b.tick : a.pitch > b.pitch;
     };
-    // Most files are in order already; sorting 200,000 notes anyway would cost more than
-    // the placement.
-    if (!std::is_sorted(w.notes.begin(), w.notes.end(), byOnset))
+    // Most files are in order already, as the reader saw; sorting 200,000 notes anyway, or
+    // even checking them again, would cost more than the placement.
+    if (!w.inOnsetOrder && !std::is_sorted(w.notes.begin(), w.notes.end(), byOnset))
       std::stable_sort(w.notes.begin(), w.notes.end(), byOnset);
+    w.inOnsetOrder = true;
     w.channels.clear();
     if (w.lyrics.empty()) return;
     const auto byTickSeq = [](const TextEvent& a, const TextEvent& b) {
@@ -370,22 +375,23 @@ class Placer {
     auto cursor = notes.begin();
     for (TextEvent& l : w.lyrics) {
       while (cursor != notes.end() && cursor->tick < l.tick) ++cursor;
+      notes.prefetch(std::size_t(cursor - notes.begin()) + 8);
       auto at = cursor;
       if (at != notes.end() && at->tick == l.tick) {
         auto end = at;
         while (end != notes.end() && end->tick == l.tick) ++end;
         auto free = std::find_if(at, end, [](const NoteEvent& n) { return n.lyric.empty(); });
         if (free != end) {
-          free->lyric = std::move(l.text);
+          free->lyric = l.text;
           continue;
         }
         const bool chord = end - at > 1;
         Overflow o{note(chord ? nk::midiLyricOverflowInChord : nk::midiLyricOverflow, ti, &*at,
-                        l.tick, l.text),
+                        l.tick, std::string(l.text)),
                    at->id,
                    {},
                    l.tick,
-                   l.text,
+                   std::string(l.text),
                    l.seq,
                    chord};
         if (chord)
@@ -400,8 +406,8 @@ class Placer {
         at->duration += old - l.tick;
         at->tick = l.tick;
         at->lyric = l.text;
-        note(nk::midiLyricWithoutOnset, ti, &*at, l.tick, l.text);
-        note(nk::midiLyricMovedNote, ti, &*at, l.tick, l.text);
+        note(nk::midiLyricWithoutOnset, ti, &*at, l.tick, std::string(l.text));
+        note(nk::midiLyricMovedNote, ti, &*at, l.tick, std::string(l.text));
         // Moving back never passes an earlier onset (none lies in between), so order holds.
         continue;
       }
@@ -418,21 +424,22 @@ class Placer {
       if (sounding) {
         const bool nextHasOwn = at != notes.end() && (hasLyricAt(at->tick) || !at->lyric.empty());
         if (sounding->endTick() - l.tick <= tol_ && nextHasOwn) {
-          note(nk::midiLyricAtNoteEnd, ti, sounding, l.tick, l.text);
+          note(nk::midiLyricAtNoteEnd, ti, sounding, l.tick, std::string(l.text));
           continue;
         }
         if (!sounding->lyric.empty()) {
-          overflows_.push_back({note(nk::midiLyricOverflow, ti, sounding, l.tick, l.text),
-                                sounding->id,
-                                {},
-                                l.tick,
-                                l.text,
-                                l.seq,
-                                false});
+          overflows_.push_back(
+              {note(nk::midiLyricOverflow, ti, sounding, l.tick, std::string(l.text)),
+               sounding->id,
+               {},
+               l.tick,
+               std::string(l.text),
+               l.seq,
+               false});
           continue;
         }
       }
-      note(nk::midiLyricNotPlaced, ti, nullptr, l.tick, l.text);
+      note(nk::midiLyricNotPlaced, ti, nullptr, l.tick, std::string(l.text));
     }
   }
 
@@ -442,6 +449,7 @@ class Placer {
       Work w;
       w.name = name;
       w.muted = muted;
+      w.inOnsetOrder = true;  // its notes come from a track in order
       w.rawIndex = tracks_[ti].rawIndex;
       tracks_.push_back(std::move(w));
       it = made.emplace(ti, int(tracks_.size()) - 1).first;
@@ -454,14 +462,34 @@ class Placer {
                      [](const NoteEvent& n) { return !n.lyric.empty(); }))
       return;
     // The notes that stay are compacted in place: in the usual file none leaves, and moving
-    // every note into a new list would cost more than the rest of the placement.
-    std::vector<NoteEvent>& keep = tracks_[ti].notes;
-    std::vector<NoteEvent> second, accomp;
+    // every note into a new list would cost more than the rest of the placement. Each note
+    // that stays goes through the melisma and gap rules at once, so that 200,000 notes are
+    // walked once, not three times; the rules only look back, at notes already settled.
+    NoteChunks& keep = tracks_[ti].notes;
+    NoteChunks second, accomp;
+    const std::int64_t shortNote = std::max<std::int64_t>(1, doc_.ppq / 8);
     // Lyric notes sounding together: the line that starts first (higher at one tick) stays.
     std::int64_t lyricEnd = -1;
     std::int64_t lyricStart = -1;
+    std::optional<std::size_t> prev;  // first kept note at the latest onset
+    std::size_t onsetStart = 0;       // first kept note at the onset of the one just kept
+    std::vector<std::size_t> lengthened;
+    // Slips between notes close by lengthening the earlier note; known once the next onset
+    // is, and after that onset's note has seen its predecessor's length unchanged.
+    const auto closeGaps = [&](std::size_t from, std::size_t to) {
+      const std::int64_t next = keep[to].tick;
+      for (std::size_t k = from; k < to; ++k) {
+        NoteEvent& a = keep[k];
+        const std::int64_t gap = next - a.endTick();
+        if (gap > 0 && gap <= tol_ && !a.lyric.empty()) {
+          a.duration += gap;
+          lengthened.push_back(k);
+        }
+      }
+    };
     std::size_t kept = 0;
     for (std::size_t i = 0; i < keep.size(); ++i) {
+      keep.prefetch(i + 8);
       NoteEvent& n = keep[i];
       const bool stays = [&] {
         if (!n.lyric.empty()) {
@@ -482,39 +510,32 @@ class Placer {
       }();
       if (!stays) continue;
       if (kept != i) keep[kept] = std::move(n);
-      ++kept;
-    }
-    keep.erase(keep.begin() + std::ptrdiff_t(kept), keep.end());
-    // Lyricless notes right after a sung note extend it; short ones close after it are
-    // ornaments.
-    const std::int64_t shortNote = std::max<std::int64_t>(1, doc_.ppq / 8);
-    const NoteEvent* prev = nullptr;
-    for (std::size_t i = 0; i < keep.size(); ++i) {
-      NoteEvent& n = keep[i];
-      if (prev && n.lyric.empty() && n.tick >= prev->tick + 1 && !prev->lyric.empty()) {
-        if (n.tick == prev->endTick()) {
-          n.lyric = "ー";
-          note(nk::midiMelisma, ti, &n, n.tick);
-        } else if (n.duration <= shortNote && n.tick >= prev->endTick() &&
-                   n.tick - prev->endTick() <= tol_) {
-          n.lyric = "ー";
-          note(nk::midiOrnamentNotes, ti, &n, n.tick);
+      const std::size_t k = kept++;
+      NoteEvent& m = keep[k];
+      // Lyricless notes right after a sung note extend it; short ones close after it are
+      // ornaments.
+      if (prev) {
+        const NoteEvent& p = keep[*prev];
+        if (m.lyric.empty() && m.tick >= p.tick + 1 && !p.lyric.empty()) {
+          if (m.tick == p.endTick()) {
+            m.lyric = "ー";
+            note(nk::midiMelisma, ti, &m, m.tick);
+          } else if (m.duration <= shortNote && m.tick >= p.endTick() &&
+                     m.tick - p.endTick() <= tol_) {
+            m.lyric = "ー";
+            note(nk::midiOrnamentNotes, ti, &m, m.tick);
+          }
         }
       }
-      if (!prev || n.tick != prev->tick) prev = &n;
-    }
-    // Slips between notes close by lengthening the earlier note.
-    for (std::size_t i = 0; i + 1 < keep.size(); ++i) {
-      NoteEvent& a = keep[i];
-      std::size_t j = i + 1;
-      while (j < keep.size() && keep[j].tick == a.tick) ++j;
-      if (j >= keep.size()) break;
-      const std::int64_t gap = keep[j].tick - a.endTick();
-      if (gap > 0 && gap <= tol_ && !a.lyric.empty()) {
-        a.duration += gap;
-        note(nk::midiTinyGapsClosed, ti, &a, a.endTick(), std::nullopt);
+      if (k > 0 && m.tick != keep[k - 1].tick) {
+        closeGaps(onsetStart, k);
+        onsetStart = k;
       }
+      if (!prev || m.tick != keep[*prev].tick) prev = k;
     }
+    keep.truncate(kept);
+    for (std::size_t k : lengthened)
+      note(nk::midiTinyGapsClosed, ti, &keep[k], keep[k].endTick(), std::nullopt);
     const std::string baseName = tracks_[ti].name;
     if (!second.empty()) {
       std::map<int, int> made;
@@ -693,9 +714,9 @@ class Placer {
       t.name = w.name;
       t.isMuted = w.muted;
       const auto byTick = [](const NoteEvent& a, const NoteEvent& b) { return a.tick < b.tick; };
-      if (!std::is_sorted(w.notes.begin(), w.notes.end(), byTick))
+      if (!w.inOnsetOrder && !std::is_sorted(w.notes.begin(), w.notes.end(), byTick))
         std::stable_sort(w.notes.begin(), w.notes.end(), byTick);
-      t.notes = NoteList(std::move(w.notes));
+      t.notes.assignChunks(w.notes.takeChunks());
       doc_.tracks.push_back(std::move(t));
     }
     for (PendingNotice& p : pending_) {

@@ -105,6 +105,14 @@ void NoteList::assign(std::vector<NoteEvent> notes) {
   reindex();
 }
 
+void NoteList::assignChunks(std::vector<std::vector<NoteEvent>> chunks) {
+  clear();
+  chunks_.reserve(chunks.size());
+  for (auto& c : chunks)
+    if (!c.empty()) chunks_.push_back(std::make_shared<Chunk>(std::move(c)));
+  reindex();
+}
+
 bool NoteList::sharesStorageWith(const NoteList& other) const {
   for (const auto& a : chunks_)
     for (const auto& b : other.chunks_)
