@@ -4,47 +4,20 @@
 #include <gtest/gtest.h>
 
 #include "interchange/midi_reader_builder.h"
-#include "melvo/checking/score_validator.h"
-#include "melvo/checking/suggestion_applier.h"
+#include "interchange/notice_buttons.h"
 #include "melvo/interchange/midi_file_reader.h"
 
 namespace melvo {
 namespace {
 
+using test::notesOf;
+using test::press;
 using test::TrackBytes;
 
 MusicDocument opened(const std::string& bytes) {
   MusicDocument d = MIDIFileParser::parseBytes(bytes);
   sealNotices(d);
   return d;
-}
-
-// Presses the only button of the notice of kind `key`.
-MusicDocument press(const MusicDocument& d, std::string_view key) {
-  const ImportNotice* notice = nullptr;
-  for (const ImportNotice& n : d.importNotices)
-    if (n.kind->key == key) notice = &n;
-  if (!notice) ADD_FAILURE() << "no notice " << key;
-  if (!notice) return d;
-  for (const ValidationIssue& row : validate(d, {}, {})) {
-    if (row.noticeID != notice->id) continue;
-    if (row.suggestions.size() != 1) ADD_FAILURE() << key << " shows no single button";
-    if (row.suggestions.size() != 1) return d;
-    RepairResult r = applySuggestion(d, row, row.suggestions[0]);
-    EXPECT_TRUE(r.complete) << key;
-    return std::move(r.document);
-  }
-  ADD_FAILURE() << "no row for " << key;
-  return d;
-}
-
-// "lyric@tick+duration/pitch" for each note of a track.
-std::string notesOf(const MusicTrack& t) {
-  std::string s;
-  for (const NoteEvent& n : t.notes)
-    s += (n.lyric.empty() ? "_" : n.lyric) + "@" + std::to_string(n.tick) + "+" +
-         std::to_string(n.duration) + "/" + std::to_string(n.pitch) + " ";
-  return s;
 }
 
 TEST(MidiReaderButtons, BackToOneTrackJoinsTheSecondMelodyAgain) {

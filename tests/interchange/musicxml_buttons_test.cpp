@@ -4,12 +4,15 @@
 
 #include <string>
 
-#include "melvo/checking/score_validator.h"
-#include "melvo/checking/suggestion_applier.h"
+#include "interchange/notice_buttons.h"
 #include "melvo/interchange/musicxml_parser.h"
 
 namespace melvo {
 namespace {
+
+using test::notesOf;
+using test::noticeOf;
+using test::press;
 
 std::string score(const std::vector<std::string>& parts) {
   std::string s = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<score-partwise version=\"3.1\">";
@@ -46,39 +49,6 @@ MusicDocument opened(const std::string& text) {
   MusicDocument d = MusicXMLParser::parseText(text);
   sealNotices(d);
   return d;
-}
-
-const ImportNotice* noticeOf(const MusicDocument& d, std::string_view key) {
-  for (const ImportNotice& n : d.importNotices)
-    if (n.kind->key == key) return &n;
-  return nullptr;
-}
-
-// Presses the only button of the notice of kind `key`.
-MusicDocument press(const MusicDocument& d, std::string_view key) {
-  const ImportNotice* notice = noticeOf(d, key);
-  if (!notice) ADD_FAILURE() << "no notice " << key;
-  if (!notice) return d;
-  for (const ValidationIssue& row : validate(d, {}, {})) {
-    if (row.noticeID != notice->id) continue;
-    EXPECT_FALSE(row.message.empty()) << key;
-    if (row.suggestions.size() != 1) ADD_FAILURE() << key << " shows no single button";
-    if (row.suggestions.size() != 1) return d;
-    RepairResult r = applySuggestion(d, row, row.suggestions[0]);
-    EXPECT_TRUE(r.complete) << key;
-    return std::move(r.document);
-  }
-  ADD_FAILURE() << "no row for " << key;
-  return d;
-}
-
-// "lyric@tick+duration/pitch" for each note of a track.
-std::string notesOf(const MusicTrack& t) {
-  std::string s;
-  for (const NoteEvent& n : t.notes)
-    s += (n.lyric.empty() ? "_" : n.lyric) + "@" + std::to_string(n.tick) + "+" +
-         std::to_string(n.duration) + "/" + std::to_string(n.pitch) + " ";
-  return s;
 }
 
 std::string temposOf(const MusicDocument& d) {

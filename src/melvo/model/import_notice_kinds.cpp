@@ -73,9 +73,9 @@ const ImportNoticeKind notice_kinds::cevioTempoFixed{
 
 const ImportNoticeKind notice_kinds::midiTwoMelodiesSplit{
     "midiTwoMelodiesSplit", Sev::warning, Han::converted, Cat::polyphony,
-    "", nullptr, {N_("1本に戻す")}};
+    N_("歌詞の付いた音が同時に鳴る所が %d か所あります。後から始まる方の旋律を別のトラックに分けました。"), nullptr, {N_("1本に戻す")}};
 const ImportNoticeKind notice_kinds::midiArpeggioMoved{
-    "midiArpeggioMoved", Sev::info, Han::converted, Cat::polyphony, "", nullptr, {}};
+    "midiArpeggioMoved", Sev::info, Han::converted, Cat::polyphony, N_("分散和音の歌詞の無い音 %d 個を、ミュートした伴奏のトラックに移しました。"), nullptr, {}};
 // The importer reports a moved note head under both keys, so both carry the same words.
 const ImportNoticeKind notice_kinds::midiLyricMovedNote{
     "midiLyricMovedNote", Sev::info, Han::converted, Cat::importNotice,
@@ -86,20 +86,20 @@ const ImportNoticeKind notice_kinds::midiMelisma{
     N_("歌詞の無い音 %d 個を、前の音を伸ばす「ー」にしました（MIDI のメリスマ）。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::midiLyricNotPlaced{
-    "midiLyricNotPlaced", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "midiLyricNotPlaced", Sev::warning, Han::dropped, Cat::importNotice, N_("どの音の頭からも離れている歌詞が %d 個あります。音に付けていません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiLyricsTrackChosen{
-    "midiLyricsTrackChosen", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "midiLyricsTrackChosen", Sev::info, Han::converted, Cat::importNotice, N_("音の無いトラックの歌詞 %d 個を、位置が最もよく合うトラックの音に付けました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiOrphanLyricsDropped{
-    "midiOrphanLyricsDropped", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "midiOrphanLyricsDropped", Sev::warning, Han::dropped, Cat::importNotice, N_("音の無いトラックの歌詞が %d 個あります。近くに音の頭が無いため、使っていません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiOrphanLyricsIgnored{
-    "midiOrphanLyricsIgnored", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "midiOrphanLyricsIgnored", Sev::info, Han::dropped, Cat::importNotice, N_("音の無いトラックの歌詞が %d 個あります。ほかのトラックに自分の歌詞があるため、使っていません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiTextNotLyrics{
     "midiTextNotLyrics", Sev::info, Han::dropped, Cat::importNotice,
-    "", nullptr, {N_("歌詞として読む")}};
+    N_("音の頭にあるテキスト %d 個は、見出しとみなして歌詞にしていません。"), nullptr, {N_("歌詞として読む")}};
 const ImportNoticeKind notice_kinds::midiLyricUnreadable{
-    "midiLyricUnreadable", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "midiLyricUnreadable", Sev::warning, Han::dropped, Cat::importNotice, N_("UTF-8 としても Shift-JIS としても読めない歌詞が %d 個あり、使っていません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiLyricGarbled{
-    "midiLyricGarbled", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "midiLyricGarbled", Sev::warning, Han::kept, Cat::importNotice, N_("UTF-8 か Shift-JIS か決められない歌詞が %d 個あります。片方で読みましたが、文字化けしているかもしれません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiNearOnsetsMerged{
     "midiNearOnsetsMerged", Sev::info, Han::converted, Cat::chordAtSameTick,
     N_("歌のチャンネルを決められないため、1つの歌詞の近く（32分音符以内）に少しずれて始まる音 %d 個を、同じ時刻の和音として読みました（同じ歌詞を2度歌わないため）。"),
@@ -107,12 +107,12 @@ const ImportNoticeKind notice_kinds::midiNearOnsetsMerged{
 // A lyric lost inside a chord gets the split that also clears the chord away.
 const ImportNoticeKind notice_kinds::midiLyricOverflowInChord{
     "midiLyricOverflowInChord", Sev::warning, Han::dropped, Cat::importNotice,
-    "", nullptr, {N_("この音を分けて歌う")}};
+    N_("和音の中で、もう歌詞のある音に重なった歌詞が %d 個あり、歌っていません。"), nullptr, {N_("この音を分けて歌う")}};
 const ImportNoticeKind notice_kinds::midiLyricOverflow{
     "midiLyricOverflow", Sev::warning, Han::dropped, Cat::importNotice,
-    "", nullptr, {N_("音を分けて歌う")}};
+    N_("もう歌詞のある音に重なった歌詞が %d 個あり、歌っていません。"), nullptr, {N_("音を分けて歌う")}};
 const ImportNoticeKind notice_kinds::midiLyricAtNoteEnd{
-    "midiLyricAtNoteEnd", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "midiLyricAtNoteEnd", Sev::warning, Han::dropped, Cat::importNotice, N_("音の終わり間際にある歌詞が %d 個あります。次の音に歌詞があるため、歌っていません。"), nullptr, {}};
 
 // --- MIDI: file level ---------------------------------------------------------------------------
 
@@ -148,9 +148,9 @@ const ImportNoticeKind notice_kinds::midiLyricWithoutOnset{
     N_("MIDI の歌詞のうち %d 個は、その位置に音の始まりがありません。すぐ後ろの音の頭を歌詞の位置へ寄せて歌います。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::midiTinyGapsClosed{
-    "midiTinyGapsClosed", Sev::info, Han::converted, Cat::shortRestBefore, "", nullptr, {}};
+    "midiTinyGapsClosed", Sev::info, Han::converted, Cat::shortRestBefore, N_("32分音符以下の短いすき間 %d か所を、前の音を伸ばしてふさぎました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::midiOrnamentNotes{
-    "midiOrnamentNotes", Sev::warning, Han::converted, Cat::decoration, "", nullptr, {}};
+    "midiOrnamentNotes", Sev::warning, Han::converted, Cat::decoration, N_("トリルのような短い歌詞の無い音 %d 個を「ー」にしました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::secondVerse{
     "secondVerse", Sev::info, Han::dropped, Cat::importNotice,
     N_("2番の歌詞（%d音）があります。今は1番で歌います。"),
