@@ -84,48 +84,23 @@ TEST(NoticeKindCatalogue, KeySetsHaveTheirSizesOverRealKinds) {
   EXPECT_FALSE(isAlwaysKeptNotice("midiMelisma"));
 }
 
-TEST(NoticeKindCatalogue, CountedMessagesHoldOnePlaceholder) {
-  // Among them every kind the MusicXML reader makes: an empty text would show no words.
-  for (const char* key : {"tempoInsideNote",
-                          "secondVerse",
-                          "midiMissingNoteOff",
-                          "midiChannelsUndecided",
-                          "mxUnsungLyricLine",
-                          "twoLyricsOnOneNote",
-                          "elision",
-                          "cueNotesDropped",
-                          "fermata",
-                          "fermataOnRest",
-                          "ornaments",
-                          "glissando",
-                          "wordsOnlyTempo",
-                          "wordsOnlyTempoDefault",
-                          "ritAccel",
-                          "swing",
-                          "microtones",
-                          "additiveMeter",
-                          "meterClamped",
-                          "meterRebarred",
-                          "percussionDropped",
-                          "spokenPart",
-                          "lyricOnRest",
-                          "gracesWithoutLyric",
-                          "breathConverted",
-                          "mxSyllablesSplit",
-                          "mxGraceNotPlaced",
-                          "mxMetricModulation",
-                          "mxSpecialNoteheads",
-                          "mxPronunciationMarks",
-                          "mxTieAcrossGap",
-                          "mxSlurMelisma",
-                          "mxUnreadablePitch",
-                          "mxTempoOutOfRange",
-                          "mxVoiceWithoutLyrics",
-                          "mxHummingLaughing"}) {
-    const std::string_view message = findNoticeKind(key)->message;
-    EXPECT_NE(message.find("%d"), std::string_view::npos) << key;
+// A notice row shows its kind's words with the count of places: an empty text would be a row
+// without words. Kinds of readers Melvo does not have yet are the only ones still without.
+TEST(NoticeKindCatalogue, EveryKindAReaderMakesHasWordsWithAtMostOneCount) {
+  auto unbuilt = [](std::string_view key) {
+    for (std::string_view prefix : {"cevio", "ppsf", "svp", "source", "ustx", "tssln"})
+      if (key.substr(0, prefix.size()) == prefix) return true;
+    return key == "singingStyleWords" || key == "tracksDropped";
+  };
+  int worded = 0;
+  for (const ImportNoticeKind* kind : allNoticeKinds()) {
+    const std::string_view key = kind->key, message = kind->message;
+    if (unbuilt(key)) continue;
+    ++worded;
+    EXPECT_FALSE(message.empty()) << key;
     EXPECT_EQ(message.find("%d"), message.rfind("%d")) << key;
   }
+  EXPECT_GT(worded, 80);
 }
 
 // Equality is by content: a copy built from other buffers with the same text is the same kind.

@@ -227,7 +227,7 @@ const ImportNoticeKind notice_kinds::spokenPart{
 const ImportNoticeKind notice_kinds::singingStyleWords{
     "singingStyleWords", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::synthParameters{
-    "synthParameters", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "synthParameters", Sev::info, Han::dropped, Cat::importNotice, N_("元のソフトの歌い方のパラメータやカーブが %d か所にあります。Melvo には同じものが無いため、使っていません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::lyricOnRest{
     "lyricOnRest", Sev::warning, Han::dropped, Cat::importNotice,
     N_("休符に付いた歌詞が %d 個あります。歌う音が無いため、使っていません。"),
@@ -237,23 +237,23 @@ const ImportNoticeKind notice_kinds::gracesWithoutLyric{
     N_("歌詞の無い装飾音が %d 個あります。歌わない飾りのため、読み込んでいません。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::pitchOffsetWhole{
-    "pitchOffsetWhole", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "pitchOffsetWhole", Sev::warning, Han::kept, Cat::importNotice, N_("元のソフトで音の高さが全体にずらされていた所が %d か所あります。ずらしたまま読みました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::silentInSource{
-    "silentInSource", Sev::warning, Han::kept, Cat::ghostVelocity, "", nullptr, {}};
+    "silentInSource", Sev::warning, Han::kept, Cat::ghostVelocity, N_("元のソフトで鳴らない設定の音が %d 個あります。そのまま残しました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::phonemeOverride{
-    "phonemeOverride", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "phonemeOverride", Sev::warning, Han::kept, Cat::importNotice, N_("発音記号で指定された音が %d 個あります。歌詞のかなで歌います。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::rapNotes{
-    "rapNotes", Sev::info, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "rapNotes", Sev::info, Han::kept, Cat::importNotice, N_("ラップ（語り）の音が %d 個あります。普通の音として歌います。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::tracksDropped{
     "tracksDropped", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::falsetto{
-    "falsetto", Sev::info, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "falsetto", Sev::info, Han::dropped, Cat::importNotice, N_("ファルセットの指定が %d か所あります。NEUTRINO には指定できないため、使っていません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::breathConverted{
     "breathConverted", Sev::info, Han::converted, Cat::importNotice,
     N_("ブレス記号が %d か所あります。その音の後ろのブレスとして読みました。"),
     nullptr, {}};
 const ImportNoticeKind notice_kinds::karaokeTextLyrics{
-    "karaokeTextLyrics", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "karaokeTextLyrics", Sev::info, Han::converted, Cat::importNotice, N_("カラオケの形式のテキスト %d 個を歌詞として読みました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::smpteMIDI{
     "smpteMIDI", Sev::info, Han::converted, Cat::tempoIssue,
     N_("この MIDI は時間を秒（SMPTE）で持っています。拍に直して読みました。"),
@@ -347,41 +347,41 @@ const ImportNoticeKind notice_kinds::svpNotesOnlyBeforeZero{
 // --- UTAU and OpenUtau --------------------------------------------------------------------------
 
 const ImportNoticeKind notice_kinds::utauSuffixRemoved{
-    "utauSuffixRemoved", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "utauSuffixRemoved", Sev::info, Han::converted, Cat::utauResidue, N_("歌詞の後ろの記号（強・弱・↑・音名など）を %d か所で取りました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::openUtauHyphen{
-    "openUtauHyphen", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "openUtauHyphen", Sev::info, Han::converted, Cat::utauResidue, N_("OpenUtau の「-」%d 個を「ー」として読みました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::glottalOnlyLyric{
-    "glottalOnlyLyric", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "glottalOnlyLyric", Sev::info, Han::converted, Cat::utauResidue, N_("「'」だけの歌詞が %d 個あります。前の音に続く所は「ー」、それ以外は休符にしました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::phoneticHintRemoved{
-    "phoneticHintRemoved", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "phoneticHintRemoved", Sev::info, Han::converted, Cat::utauResidue, N_("歌詞の中の［…］の発音の指定を %d か所で取り、前のかなを残しました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::phoneticHintWithoutKana{
-    "phoneticHintWithoutKana", Sev::warning, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "phoneticHintWithoutKana", Sev::warning, Han::converted, Cat::utauResidue, N_("かなの無い［…］の発音の指定だけの歌詞が %d 個あります。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::cvvcVowelLink{
-    "cvvcVowelLink", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "cvvcVowelLink", Sev::info, Han::converted, Cat::utauResidue, N_("CVVC のつなぎの音 %d 個を、前の音の長さに足しました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::foreignLanguageNotes{
-    "foreignLanguageNotes", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "foreignLanguageNotes", Sev::warning, Han::kept, Cat::importNotice, N_("日本語以外の歌詞の音が %d 個あります。NEUTRINO の日本語の声では歌えないかもしれません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::foreignVoiceTrack{
-    "foreignVoiceTrack", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "foreignVoiceTrack", Sev::warning, Han::kept, Cat::importNotice, N_("日本語以外の声のトラックが %d つあります。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauTempoReplaced{
-    "utauTempoReplaced", Sev::warning, Han::converted, Cat::tempoIssue, "", nullptr, {}};
+    "utauTempoReplaced", Sev::warning, Han::converted, Cat::tempoIssue, N_("読めないか範囲の外のテンポが %d か所あります。前のテンポ（無ければ ♩=120）にしました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauNoteDropped{
-    "utauNoteDropped", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
+    "utauNoteDropped", Sev::warning, Han::dropped, Cat::importNotice, N_("長さや位置が読めない音が %d 個あり、読み込んでいません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauPitchReplaced{
-    "utauPitchReplaced", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "utauPitchReplaced", Sev::warning, Han::converted, Cat::importNotice, N_("音の高さが無いか読めない音が %d 個あります。仮の高さにしました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauVCLinkedShort{
-    "utauVCLinkedShort", Sev::info, Han::converted, Cat::utauResidue, "", nullptr, {}};
+    "utauVCLinkedShort", Sev::info, Han::converted, Cat::utauResidue, N_("短いつなぎの音 %d 個を、前の音の長さに足しました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauBreathNote{
-    "utauBreathNote", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "utauBreathNote", Sev::info, Han::converted, Cat::importNotice, N_("息の音 %d 個を、前の音の後の息継ぎと休符にしました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauLengthTooLong{
-    "utauLengthTooLong", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "utauLengthTooLong", Sev::warning, Han::converted, Cat::importNotice, N_("長すぎて読めない長さの音が %d 個あり、4分音符4つ分の長さにしました。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauBeyondExportLimit{
-    "utauBeyondExportLimit", Sev::warning, Han::kept, Cat::beyondExportLimit, "", nullptr, {}};
+    "utauBeyondExportLimit", Sev::warning, Han::kept, Cat::beyondExportLimit, N_("書き出せる範囲より後ろの音が %d 個あります。残しましたが、歌わせるには前へ動かしてください。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauBeyondTickLimit{
-    "utauBeyondTickLimit", Sev::warning, Han::dropped, Cat::beyondExportLimit, "", nullptr, {}};
+    "utauBeyondTickLimit", Sev::warning, Han::dropped, Cat::beyondExportLimit, N_("扱える位置より後ろの音が %d 個あり、読み込んでいません。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauEncodingGuessed{
-    "utauEncodingGuessed", Sev::info, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "utauEncodingGuessed", Sev::info, Han::converted, Cat::importNotice, N_("文字コードが UTF-8 でも Shift-JIS でもないため、推測して読みました（%d 件）。使った文字コードは場所の欄に出ています。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::utauBrokenChars{
-    "utauBrokenChars", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
+    "utauBrokenChars", Sev::warning, Han::converted, Cat::importNotice, N_("読めない文字を含む歌詞が %d 個あります（「�」で表しています）。"), nullptr, {}};
 const ImportNoticeKind notice_kinds::ustxUnreadLines{
     "ustxUnreadLines", Sev::warning, Han::dropped, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::ustxUnclosedQuote{
@@ -395,7 +395,7 @@ const ImportNoticeKind notice_kinds::ustxTrackNoGuessed{
 const ImportNoticeKind notice_kinds::ustxTrackNoInvalid{
     "ustxTrackNoInvalid", Sev::warning, Han::converted, Cat::importNotice, "", nullptr, {}};
 const ImportNoticeKind notice_kinds::phonemeOverrideNoKana{
-    "phonemeOverrideNoKana", Sev::warning, Han::kept, Cat::importNotice, "", nullptr, {}};
+    "phonemeOverrideNoKana", Sev::warning, Han::kept, Cat::importNotice, N_("発音記号だけで、かなの歌詞が無い音が %d 個あります。"), nullptr, {}};
 
 // clang-format on
 
