@@ -161,44 +161,6 @@ TEST(CommandLimits, EditsUpToTheLimitPass) {
             std::string::npos);
 }
 
-// The main queue writes each answer itself, and the port's thread is not woken for an answer
-// that went out whole with nothing behind it. Requests a client sends without waiting, in
-// one write or in several, must still each get their answer, in order, and none may sit out
-// the port's 20 ms pause.
-TEST(PortAnswers, RequestsSentWithoutWaitingComeBackInOrderWithoutStalling) {
-  i18n::setLanguage("en");
-  RunningProgram program;
-  test::AgentClient client(paths::socketPath());
-  ASSERT_TRUE(client.connected());
-  constexpr int kRequests = 200;
-  auto request = [](int i) {
-    return i % 3 == 0
-               ? R"({"id":")" + std::to_string(i) +
-                     R"(","command":"notes.add","args":{"track":0,"notes":[{"tick":)" +
-                     std::to_string(i * 10) + R"(,"duration":5,"pitch":60}]}})" + "\n"
-               : R"({"id":")" + std::to_string(i) + R"(","command":"document.summary"})" + "\n";
-  };
-  const auto started = std::chrono::steady_clock::now();
-  std::string batch;
-  for (int i = 0; i < kRequests; ++i) {
-    batch += request(i);
-    if (i % 7 == 6) {  // some in one write, some alone
-      client.send(batch);
-      batch.clear();
-    }
-  }
-  client.send(batch);
-  for (int i = 0; i < kRequests; ++i) {
-    const auto answer = client.readLine();
-    ASSERT_TRUE(answer) << "answer " << i << " never came";
-    EXPECT_NE(answer->find(R"("id":")" + std::to_string(i) + R"(")"), std::string::npos) << *answer;
-  }
-  EXPECT_LT(std::chrono::steady_clock::now() - started, kRequests * std::chrono::milliseconds(10));
-  EXPECT_EQ(client.readLine(std::chrono::milliseconds(100)), std::nullopt);
-  EXPECT_NE(client.call(R"({"command":"document.summary"})").find(R"("noteCount":67)"),
-            std::string::npos);
-}
-
 // A command that waits for the main queue while the port closes is not run.
 TEST(CommandLimits, ClosingThePortCancelsAWaitingCommand) {
   i18n::setLanguage("en");
