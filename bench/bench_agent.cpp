@@ -1,5 +1,5 @@
 // The agent port's round trip: document.summary on a 2,000-note song through the real port
-// (socket, line framing, the hop to the main queue, the command, the answer), 10,000 calls,
+// (socket, line framing, the main queue, the command, the answer), 10,000 calls,
 // against a bare unix-socket echo of the same request measured in the same run. The goal is a
 // median within twice the echo's.
 #include <benchmark/benchmark.h>
@@ -29,6 +29,9 @@ namespace {
 constexpr int kCalls = 10000;
 const std::string kRequest = R"({"id":"1","command":"document.summary"})"
                              "\n";
+// Refused at once: what the port itself costs, without the work of a command.
+const std::string kUnknown = R"({"id":"1","command":"document.nothing"})"
+                             "\n";
 
 int connectTo(const fs::path& path) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -43,9 +46,9 @@ int connectTo(const fs::path& path) {
 }
 
 // Sends the request and reads up to the answer's newline; the answer's size.
-std::size_t roundTrip(int fd, std::string& buffer) {
-  if (::send(fd, kRequest.data(), kRequest.size(), MSG_NOSIGNAL) !=
-      static_cast<ssize_t>(kRequest.size()))
+std::size_t roundTrip(int fd, const std::string& request, std::string& buffer) {
+  if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+      static_cast<ssize_t>(request.size()))
     return 0;
   buffer.clear();
   char chunk[16384];
@@ -58,7 +61,7 @@ std::size_t roundTrip(int fd, std::string& buffer) {
 }
 
 // Times every call; the p50 and p99 in microseconds go to the counters.
-void timeCalls(benchmark::State& state, int fd) {
+void timeCalls(benchmark::State& state, int fd, const std::string& request = kRequest) {
   std::string buffer;
   std::vector<double> micros;
   micros.reserve(kCalls);
@@ -66,7 +69,7 @@ void timeCalls(benchmark::State& state, int fd) {
   for (auto _ : state) {
     for (int i = 0; i < kCalls; ++i) {
       const auto t0 = std::chrono::steady_clock::now();
-      bytes = roundTrip(fd, buffer);
+      bytes = roundTrip(fd, request, buffer);
       micros.push_back(
           std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count());
       if (bytes == 0) {
@@ -104,7 +107,7 @@ MusicDocument song() {
   return d;
 }
 
-void BM_SummaryRoundTrip(benchmark::State& state) {
+void portRoundTrip(benchmark::State& state, const std::string& request) {
   Home home;
   EventLoop loop;
   AppState app(loop);
@@ -116,12 +119,20 @@ void BM_SummaryRoundTrip(benchmark::State& state) {
   if (fd < 0) {
     state.SkipWithError("cannot connect");
   } else {
-    timeCalls(state, fd);
+    timeCalls(state, fd, request);
     ::close(fd);
   }
   loop.stop();
   main.join();
   port.stop();
+}
+
+void BM_SummaryRoundTrip(benchmark::State& state) {
+  portRoundTrip(state, kRequest);
+}
+
+void BM_UnknownCommandRoundTrip(benchmark::State& state) {
+  portRoundTrip(state, kUnknown);
 }
 
 // The command alone, without socket or hop: what of the round trip is the work itself.
@@ -184,6 +195,7 @@ void BM_BareSocketEcho(benchmark::State& state) {
 
 BENCHMARK(BM_BareSocketEcho)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SummaryRoundTrip)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UnknownCommandRoundTrip)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SummaryInProcess)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

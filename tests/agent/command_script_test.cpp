@@ -12,6 +12,7 @@
 
 #include "agent/agent_client.h"
 #include "melvo/agent/mcp_app_host.h"
+#include "melvo/agent/mcp_memory_host.h"
 #include "melvo/app/app_state.h"
 #include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
@@ -161,27 +162,68 @@ TEST(CommandLimits, EditsUpToTheLimitPass) {
             std::string::npos);
 }
 
-// A command that waits for the main queue while the port closes is not run.
+// A command the agent sent while the main queue was busy, and the port closed before the queue
+// came to it, is not run: its answer says so.
 TEST(CommandLimits, ClosingThePortCancelsAWaitingCommand) {
   i18n::setLanguage("en");
-  test::TempHome home;
-  EventLoop loop;  // never run: the command can only wait
-  AppState app(loop);
-  McpAppPort port(app, loop, paths::socketPath());
-  port.start();
+  RunningProgram program;
   test::AgentClient client(paths::socketPath());
+  ASSERT_NE(client.call(R"({"command":"history.read"})").find(R"("ok":true)"), std::string::npos);
+  // Two turns of the queue, so that the port's own next step (waiting for the client's bytes) is
+  // behind us: then the queue has nothing else to do.
+  std::promise<void> idle;
+  program.loop.post([&] { program.loop.post([&] { idle.set_value(); }); });
+  idle.get_future().wait();
+  std::promise<void> sent;
+  program.loop.post([&] {
+    sent.get_future().wait();  // the user's own work keeps the queue busy meanwhile
+    program.port.stop();
+  });
   client.send(
       R"({"id":"w","command":"notes.add","args":{"track":0,"notes":[{"tick":0,"duration":1,"pitch":60}]}})"
       "\n");
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  std::thread closer([&] { port.stop(); });
+  sent.set_value();
   auto answer = client.readLine();
-  closer.join();
   ASSERT_TRUE(answer);
   EXPECT_NE(answer->find(R"("id":"w")"), std::string::npos) << *answer;
   EXPECT_NE(answer->find("notAvailable"), std::string::npos) << *answer;
-  loop.runUntilIdle();  // the job runs now, and must find itself cancelled
-  EXPECT_EQ(app.pianoRollVM().document().tracks[0].notes.size(), 0u);
+  std::promise<std::size_t> notes;
+  program.loop.post(
+      [&] { notes.set_value(program.app.pianoRollVM().document().tracks[0].notes.size()); });
+  EXPECT_EQ(notes.get_future().get(), 0u);
+}
+
+// The summary remembers its phoneme count between calls: an edit, an undo and a redo must each
+// still show in the next summary, on any of the track's chunks.
+TEST(SummaryCount, FollowsEditsUndoAndRedo) {
+  i18n::setLanguage("en");
+  MusicDocument d;
+  std::vector<NoteEvent> notes;
+  for (int i = 0; i < 600; ++i) {
+    NoteEvent n = NoteEvent::make(Uuid::random(), i * 480, 480, 60, 100, "ら");
+    if (i % 2 == 0) n.sourcePhonemes = "ら";
+    notes.push_back(std::move(n));
+  }
+  d.tracks[0].notes = NoteList(std::move(notes));
+  McpMemoryHost memory(std::move(d));
+  McpCommandLayer layer(memory.host());
+  auto count = [&] {
+    const Json answer = Json::parse(layer.handleLine(R"({"command":"document.summary"})"));
+    return answer.find("result")->find("phonemeLyricCount")->asInt();
+  };
+  EXPECT_EQ(count(), 300);
+  EXPECT_EQ(count(), 300);
+  for (const char* index : {"598", "0"}) {
+    layer.handleLine(
+        std::string(R"({"command":"lyrics.set","args":{"track":0,"edits":[{"index":)") + index +
+        R"(,"lyric":"り"}]}})");
+  }
+  EXPECT_EQ(count(), 298);
+  layer.handleLine(R"({"command":"edit.undo","args":{"label":"AI: Set lyrics"}})");
+  EXPECT_EQ(count(), 299);
+  layer.handleLine(R"({"command":"edit.redo","args":{"label":"AI: Set lyrics"}})");
+  EXPECT_EQ(count(), 298);
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
+#include <future>
 #include <random>
 #include <thread>
 
@@ -16,6 +18,7 @@
 #include "melvo/agent/mcp_line_buffer.h"
 #include "melvo/agent/mcp_memory_host.h"
 #include "melvo/agent/mcp_socket_server.h"
+#include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 #include "support/test_support.h"
 
@@ -27,18 +30,39 @@ using test::TempDir;
 
 class SocketServerTest : public ::testing::Test {
  protected:
-  void SetUp() override { i18n::setLanguage("en"); }
+  void SetUp() override {
+    i18n::setLanguage("en");
+    main = std::thread([this] { loop.run(); });
+    onLoop([] {});  // a stop() that came before run() would be lost
+  }
+  void TearDown() override {
+    loop.stop();
+    main.join();
+  }
   std::filesystem::path socket() const { return dir.path() / "melvo" / "mcp.sock"; }
 
-  // A server whose handler runs the command layer over a song in memory.
-  std::unique_ptr<McpSocketServer> makeServer() {
-    return std::make_unique<McpSocketServer>(
-        socket(), [this](const std::string& line) { return layer.handleLine(line); });
+  // A server on the loop; by default its handler runs the command layer over a song in memory.
+  McpSocketServer& makeServer(McpSocketServer::Handler handler = {}) {
+    if (!handler) handler = [this](const std::string& line) { return layer.handleLine(line); };
+    servers.push_back(std::make_unique<McpSocketServer>(socket(), std::move(handler), loop));
+    return *servers.back();
+  }
+  // Runs `job` on the loop's thread and waits for it.
+  void onLoop(std::function<void()> job) {
+    std::promise<void> done;
+    loop.post([&] {
+      job();
+      done.set_value();
+    });
+    done.get_future().wait();
   }
 
   TempDir dir;
   McpMemoryHost memory;
   McpCommandLayer layer{memory.host()};
+  EventLoop loop;
+  std::vector<std::unique_ptr<McpSocketServer>> servers;  // stopped once the loop stopped
+  std::thread main;
 };
 
 mode_t modeOf(const std::filesystem::path& p) {
@@ -50,8 +74,8 @@ mode_t modeOf(const std::filesystem::path& p) {
 TEST_F(SocketServerTest, SocketIsPrivateToItsOwner) {
   std::filesystem::create_directories(socket().parent_path());
   std::filesystem::permissions(socket().parent_path(), std::filesystem::perms::all);
-  auto server = makeServer();
-  server->start();
+  auto& server = makeServer();
+  server.start();
   EXPECT_EQ(modeOf(socket().parent_path()), 0700u);
   EXPECT_EQ(modeOf(socket()), 0600u);
 
@@ -73,7 +97,7 @@ TEST_F(SocketServerTest, PathHoldersAreKeptOrReplaced) {
   // A regular file is never removed.
   test::writeText(socket(), "mine");
   try {
-    makeServer()->start();
+    makeServer().start();
     FAIL() << "started over a regular file";
   } catch (const McpSocketServer::StartError& e) {
     EXPECT_EQ(e.kind, McpSocketServer::StartError::Kind::notASocket);
@@ -90,27 +114,28 @@ TEST_F(SocketServerTest, PathHoldersAreKeptOrReplaced) {
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     ::close(fd);
   }
-  auto server = makeServer();
-  server->start();
+  auto& server = makeServer();
+  server.start();
   AgentClient client(socket());
   ASSERT_TRUE(client.connected());
   EXPECT_NE(client.call(R"({"command":"history.read"})").find(R"("ok":true)"), std::string::npos);
 
   // A live server's socket is not taken over, and a second start of the same one is refused.
   try {
-    makeServer()->start();
+    makeServer().start();
     FAIL() << "took over a live socket";
   } catch (const McpSocketServer::StartError& e) {
     EXPECT_EQ(e.kind, McpSocketServer::StartError::Kind::alreadyRunning);
   }
-  EXPECT_THROW(server->start(), McpSocketServer::StartError);
-  server->stop();
+  EXPECT_THROW(server.start(), McpSocketServer::StartError);
+  onLoop([&] { server.stop(); });
   EXPECT_FALSE(std::filesystem::exists(socket()));
 }
 
 TEST_F(SocketServerTest, PathTooLongIsRefused) {
-  McpSocketServer server(dir.path() / std::string(120, 'x') / "mcp.sock",
-                         [](const std::string& l) { return l; });
+  McpSocketServer server(
+      dir.path() / std::string(120, 'x') / "mcp.sock", [](const std::string& l) { return l; },
+      loop);
   try {
     server.start();
     FAIL();
@@ -120,10 +145,9 @@ TEST_F(SocketServerTest, PathTooLongIsRefused) {
 }
 
 TEST_F(SocketServerTest, LinesAtTheLimitAndPastIt) {
-  auto server = std::make_unique<McpSocketServer>(socket(), [](const std::string& line) {
+  makeServer([](const std::string& line) {
     return R"({"length":)" + std::to_string(line.size()) + "}";
-  });
-  server->start();
+  }).start();
   AgentClient client(socket());
   ASSERT_TRUE(client.connected());
   const std::size_t limit = McpLineBuffer::kMaxLineBytes;
@@ -144,41 +168,49 @@ TEST_F(SocketServerTest, LinesAtTheLimitAndPastIt) {
   EXPECT_EQ(client.readLine(std::chrono::milliseconds(100)), std::nullopt);
 }
 
-// The port's main-queue work writes its answer itself, ahead of the server's own writing; an
-// answer still waiting in the server (a refusal earlier in the same read) must not be
-// overtaken, and nothing may be sent twice.
-TEST_F(SocketServerTest, EarlyAnswersKeepTheirPlaceAndAreSentOnce) {
+// Lines are run one per turn of the queue; when the port closes between them, the lines that
+// wait are not run, and each still gets its one answer, with its id.
+TEST_F(SocketServerTest, ClosingThePortAnswersWaitingLinesWithoutRunningThem) {
+  std::vector<std::string> run;
   McpSocketServer* self = nullptr;
-  auto server = std::make_unique<McpSocketServer>(socket(), [&self](const std::string& line) {
-    const std::string answer = R"({"line":")" + line + R"("})";
-    if (line[0] == 'e') self->sendEarly(answer);
-    return answer;
+  self = &makeServer([&](const std::string& line) {
+    run.push_back(line);
+    if (line.find("close") != std::string::npos) loop.post([&] { self->stop(); });
+    return layer.handleLine(line);
   });
-  self = server.get();
-  server->start();
+  self->start();
   AgentClient client(socket());
   ASSERT_TRUE(client.connected());
-  client.send("e1\n" + std::string(McpLineBuffer::kMaxLineBytes + 1, 'x') + "\ne2\nlate\ne3\n");
-  EXPECT_EQ(client.readLine(), R"({"line":"e1"})");
-  EXPECT_NE(client.readLine()->find("limitExceeded"), std::string::npos);
-  EXPECT_EQ(client.readLine(), R"({"line":"e2"})");
-  EXPECT_EQ(client.readLine(), R"({"line":"late"})");
-  EXPECT_EQ(client.readLine(), R"({"line":"e3"})");
-  client.send("e4\n");
-  EXPECT_EQ(client.readLine(), R"({"line":"e4"})");
+  EXPECT_NE(client.call(R"({"id":"1","command":"history.read"})").find(R"("ok":true)"),
+            std::string::npos);
+  client.send(R"({"id":"close","command":"history.read"})"
+              "\n"
+              R"({"id":"2","command":"edit.undo"})"
+              "\n"
+              "\xff\n"
+              R"({"id":"3","command":"history.read"})"
+              "\n");
+  EXPECT_NE(client.readLine()->find(R"("id":"close","ok":true)"), std::string::npos);
+  for (const char* id : {"2", "", "3"}) {
+    auto answer = client.readLine();
+    ASSERT_TRUE(answer) << id;
+    if (*id) {
+      EXPECT_EQ(*answer, std::string(R"({"error":{"code":"notAvailable","message":")") +
+                             tr("「AI と繋ぐ」が切られたので、この命令は行いませんでした") +
+                             R"("},"id":")" + id + R"(","ok":false})");
+    } else {
+      EXPECT_EQ(*answer, McpSocketServer::notTextAnswer());
+    }
+  }
   EXPECT_EQ(client.readLine(std::chrono::milliseconds(100)), std::nullopt);
-  // A client that left before its answer: the server goes on with the next one.
-  client.send("e5\n");
-  client.close();
-  AgentClient next(socket());
-  ASSERT_TRUE(next.connected());
-  next.send("e6\n");
-  EXPECT_EQ(next.readLine(), R"({"line":"e6"})");
+  onLoop([] {});
+  EXPECT_EQ(run.size(), 2u);
+  EXPECT_FALSE(std::filesystem::exists(socket()));
 }
 
 TEST_F(SocketServerTest, ClientsAreServedOneAfterAnother) {
-  auto server = makeServer();
-  server->start();
+  auto& server = makeServer();
+  server.start();
   AgentClient first(socket());
   AgentClient second(socket());  // waits in the backlog
   ASSERT_TRUE(first.connected() && second.connected());
@@ -193,8 +225,8 @@ TEST_F(SocketServerTest, ClientsAreServedOneAfterAnother) {
 }
 
 TEST_F(SocketServerTest, VanishingClientsDoNotKillTheServer) {
-  auto server = makeServer();
-  server->start();
+  auto& server = makeServer();
+  server.start();
   // Each leaves with a large answer still being written to it: without MSG_NOSIGNAL the
   // process would die of SIGPIPE.
   const std::string many = [] {
@@ -215,8 +247,8 @@ TEST_F(SocketServerTest, VanishingClientsDoNotKillTheServer) {
 }
 
 TEST_F(SocketServerTest, RandomLinesEachGetOneJsonAnswer) {
-  auto server = makeServer();
-  server->start();
+  auto& server = makeServer();
+  server.start();
   AgentClient client(socket());
   ASSERT_TRUE(client.connected());
   std::mt19937 rng(21);

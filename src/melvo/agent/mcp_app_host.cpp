@@ -1,13 +1,9 @@
 #include "melvo/agent/mcp_app_host.h"
 
-#include <chrono>
-#include <future>
-
 #include "melvo/app/app_state.h"
 #include "melvo/checking/score_validator.h"
 #include "melvo/checking/synthesis_gate.h"
 #include "melvo/editing/suggestion_applier_commit.h"
-#include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 
 namespace melvo {
@@ -178,9 +174,12 @@ McpHost makeAppHost(AppState& app) {
 }
 
 McpAppPort::McpAppPort(AppState& app, EventLoop& loop, std::filesystem::path socketURL)
-    : loop_(loop),
-      layer_(makeAppHost(app)),
-      server_(std::move(socketURL), [this](const std::string& line) { return runOnMain(line); }) {}
+    : layer_(makeAppHost(app)),
+      // The server runs its handler on the main queue, between the user's events: a command
+      // needs no further hop to touch the song.
+      server_(
+          std::move(socketURL), [this](const std::string& line) { return layer_.handleLine(line); },
+          loop) {}
 
 McpAppPort::~McpAppPort() {
   stop();
@@ -192,39 +191,6 @@ void McpAppPort::start() {
 
 void McpAppPort::stop() {
   server_.stop();
-}
-
-std::string McpAppPort::runOnMain(const std::string& line) {
-  // The command touches the song, so it runs on the main queue; this thread waits. If the
-  // port is closed meanwhile, the job finds `cancelled` and leaves the song alone.
-  enum State { waiting, running, cancelled };
-  struct Job {
-    std::promise<std::string> answer;
-    std::atomic<int> state{waiting};
-  };
-  auto job = std::make_shared<Job>();
-  auto future = job->answer.get_future();
-  loop_.post([this, job, line] {
-    int expected = waiting;
-    if (!job->state.compare_exchange_strong(expected, running)) return;
-    std::string answer = layer_.handleLine(line);
-    server_.sendEarly(answer);
-    job->answer.set_value(std::move(answer));
-  });
-  while (future.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
-    int expected = waiting;
-    if (server_.stopping() && job->state.compare_exchange_strong(expected, cancelled)) {
-      std::optional<std::string> id;
-      try {
-        id = decodeRequest(line).id;
-      } catch (const McpDecodeError&) {
-      }
-      return encodeResponse(
-          McpResponse::failure(id, McpError::Code::notAvailable,
-                               tr("「AI と繋ぐ」が切られたので、この命令は行いませんでした")));
-    }
-  }
-  return future.get();
 }
 
 }  // namespace melvo

@@ -1,8 +1,7 @@
 // The agent port bound to the running program: McpHost closures over AppState, and the
-// socket whose commands hop to the main queue and run there between the user's events.
+// socket whose commands run on the main queue between the user's events.
 #pragma once
 
-#include <atomic>
 #include <filesystem>
 #include <memory>
 
@@ -24,15 +23,13 @@ class McpAppPort {
 
   // Throws McpSocketServer::StartError.
   void start();
-  // A command still waiting for the main queue is not run: its answer says the port closed.
+  // Commands the agent sent that were not run yet are not run: each answer says the port
+  // closed. On the main queue's thread, or while no thread runs it.
   void stop();
   bool isListening() const { return server_.isListening(); }
   McpCommandLayer& layer() { return layer_; }
 
  private:
-  std::string runOnMain(const std::string& line);
-
-  EventLoop& loop_;
   McpCommandLayer layer_;
   McpSocketServer server_;
 };

@@ -39,9 +39,19 @@ class Args {
   const McpJSON::Object& o_;
 };
 
+// What a layer keeps from one command to the next, to answer a repeated question without
+// walking the song again.
+struct Memo {
+  // Per track, the notes that document.summary last counted phonemes on, and the count. A
+  // list that still has the very same chunks has the same notes: every change copies the chunk
+  // it touches, and the copy kept here makes sure that each chunk is shared, so it is copied.
+  std::vector<std::pair<NoteList, std::size_t>> phonemeLyrics;
+};
+
 struct Context {
   McpHost& host;
   const Args& args;
+  Memo& memo;
 };
 
 std::int64_t integerValue(const McpJSON& v, std::string_view name, std::int64_t lo,

@@ -29,6 +29,18 @@ const MusicDocument& doc(Context& c) {
   return *c.host.document();
 }
 
+// How many of a track's notes carry phonemes equal to their lyric.
+std::size_t phonemeLyricCount(Context& c, std::size_t track, const NoteList& notes) {
+  auto& counted = c.memo.phonemeLyrics[track];
+  if (!counted.first.sameStorage(notes)) {
+    std::size_t count = 0;
+    // Most notes carry no phonemes; asking only those that do keeps the walk a pointer test.
+    for (const auto& n : notes) count += n.sourcePhonemes && n.phonemesEqualLyric();
+    counted = {notes, count};
+  }
+  return counted.second;
+}
+
 McpJSON summary(Context& c) {
   const MusicDocument& d = doc(c);
   McpJSON r = McpJSON::object();
@@ -48,10 +60,11 @@ McpJSON summary(Context& c) {
   r["timeSignatures"] = std::move(meters);
   McpJSON tracks = McpJSON::array();
   std::size_t phonemeLyrics = 0;
+  // Fitted to the song's tracks, so the memo holds no notes of tracks that went.
+  c.memo.phonemeLyrics.resize(d.tracks.size());
   for (std::size_t i = 0; i < d.tracks.size(); ++i) {
     const MusicTrack& t = d.tracks[i];
-    // Most notes carry no phonemes; asking only those that do keeps the walk a pointer test.
-    for (const auto& n : t.notes) phonemeLyrics += n.sourcePhonemes && n.phonemesEqualLyric();
+    phonemeLyrics += phonemeLyricCount(c, i, t.notes);
     tracks.push(McpJSON::Object{{"character", t.characterName},
                                 {"index", i},
                                 {"isMuted", t.isMuted},
@@ -850,7 +863,7 @@ McpResponse McpCommandLayer::handle(const McpRequest& request) {
     return McpResponse::failure(request.id, Code::notAvailable, tr(it->unavailable));
   }
   Args a(args);
-  Context c{host_, a};
+  Context c{host_, a, *memo_};
   try {
     return McpResponse::success(request.id, it->run(c));
   } catch (const ArgError& e) {
@@ -861,6 +874,9 @@ McpResponse McpCommandLayer::handle(const McpRequest& request) {
                                 trf("命令の途中で失敗しました：%@", {e.what()}));
   }
 }
+
+McpCommandLayer::McpCommandLayer(McpHost host)
+    : host_(std::move(host)), memo_(std::make_shared<mcp::Memo>()) {}
 
 std::string McpCommandLayer::handleLine(std::string_view line) {
   McpRequest request;

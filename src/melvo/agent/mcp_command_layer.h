@@ -4,6 +4,7 @@
 // step labelled "AI：…", so the user can see and undo what the agent did.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,10 @@
 #include "melvo/agent/mcp_json.h"
 
 namespace melvo {
+
+namespace mcp {
+struct Memo;
+}
 
 class McpCommandLayer {
  public:
@@ -36,7 +41,7 @@ class McpCommandLayer {
   static constexpr std::size_t kPageDefault = 200;
   static constexpr std::size_t kPageLimit = 2000;
 
-  explicit McpCommandLayer(McpHost host) : host_(std::move(host)) {}
+  explicit McpCommandLayer(McpHost host);
 
   McpResponse handle(const McpRequest& request);
   // Decodes, runs and encodes: what the socket's handler does with a line.
@@ -48,6 +53,7 @@ class McpCommandLayer {
 
  private:
   McpHost host_;
+  std::shared_ptr<mcp::Memo> memo_;
 };
 
 }  // namespace melvo

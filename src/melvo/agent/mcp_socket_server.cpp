@@ -2,18 +2,19 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <asio.hpp>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
+#include <optional>
+#include <variant>
 #include <vector>
 
 #include "melvo/agent/mcp_json.h"
 #include "melvo/agent/mcp_line_buffer.h"
+#include "melvo/platform/event_loop.h"
 #include "melvo/platform/i18n.h"
 
 namespace melvo {
@@ -75,144 +76,191 @@ std::string McpSocketServer::notTextAnswer() {
       McpResponse::failure(std::nullopt, McpError::Code::badRequest, tr("JSON として読めません")));
 }
 
-// Everything here runs on the server's thread, in its own io_context.
-struct McpSocketServer::Impl {
-  asio::io_context context;
-  asio::local::stream_protocol::acceptor acceptor{context};
-  asio::local::stream_protocol::socket client{context};
+std::string McpSocketServer::closedAnswer(std::string_view line) {
+  std::optional<std::string> id;
+  try {
+    id = decodeRequest(line).id;
+  } catch (const McpDecodeError&) {
+  }
+  return encodeResponse(
+      McpResponse::failure(id, McpError::Code::notAvailable,
+                           tr("「AI と繋ぐ」が切られたので、この命令は行いませんでした")));
+}
+
+// Everything here runs on the loop's thread. Each piece of queued work holds the Impl, so a
+// stop may let go of it while work of the closed port is still queued.
+struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
+  Impl(asio::io_context& io, Handler h)
+      : context(io), acceptor(io), client(io), handler(std::move(h)) {}
+
+  asio::io_context& context;
+  asio::local::stream_protocol::acceptor acceptor;
+  asio::local::stream_protocol::socket client;
+  Handler handler;
   std::vector<char> readBuffer = std::vector<char>(kReadBytes);
   McpLineBuffer lines;
   std::vector<McpLineBuffer::Item> items;
+  std::size_t next = 0;  // the first item of the last read not answered yet
   std::string outgoing;
-  const Handler* handler = nullptr;
+  bool writing = false;  // an answer is on its way
+  bool stopped = false;
 
-  // The window in which another thread may write the current line's answer itself: open only
-  // while the handler runs and nothing is waiting in `outgoing`.
-  std::mutex earlyLock;
-  bool earlyOpen = false;
-  std::size_t earlySent = 0;  // bytes of answer and newline that went out
-  bool earlyFailed = false;   // the client is gone
+  static std::string answerWithout(const McpLineBuffer::Item& item) {
+    return std::holds_alternative<McpLineBuffer::TooLong>(item) ? tooLongAnswer() : notTextAnswer();
+  }
 
   void accept() {
-    acceptor.async_accept(client, [this](const asio::error_code& ec) {
-      if (ec == asio::error::operation_aborted || !acceptor.is_open()) return;
+    acceptor.async_accept(client, [self = shared_from_this()](const asio::error_code& ec) {
+      if (self->stopped) return;
       if (ec) {
-        accept();  // a client that left before it was taken (ECONNABORTED and the like)
+        self->accept();  // a client that left before it was taken (ECONNABORTED and the like)
         return;
       }
-      lines = McpLineBuffer{};
-      read();
+      self->lines = McpLineBuffer{};
+      self->read();
     });
   }
 
   void endConnection() {
     asio::error_code ignored;
     client.close(ignored);
-    if (acceptor.is_open()) accept();
-  }
-
-  void read() {
-    // Asio retries EINTR itself; 0 bytes arrive as eof.
-    client.async_read_some(asio::buffer(readBuffer),
-                           [this](const asio::error_code& ec, std::size_t n) {
-                             if (ec) {
-                               endConnection();
-                               return;
-                             }
-                             answer(std::string_view(readBuffer.data(), n));
-                           });
-  }
-
-  void answer(std::string_view bytes) {
     items.clear();
-    lines.append(bytes, items);
-    outgoing.clear();
-    for (auto& item : items) {
-      if (auto* line = std::get_if<McpLineBuffer::Line>(&item)) {
-        {
-          std::lock_guard lock(earlyLock);
-          earlyOpen = outgoing.empty();
-          earlySent = 0;
-          earlyFailed = false;
-        }
-        std::string reply;
-        try {
-          reply = (*handler)(line->text);
-        } catch (const std::exception& e) {
-          reply =
-              encodeResponse(McpResponse::failure(std::nullopt, McpError::Code::ioError,
-                                                  trf("命令の途中で失敗しました：%@", {e.what()})));
-        }
-        std::size_t sent = 0;
-        {
-          std::lock_guard lock(earlyLock);
-          earlyOpen = false;
-          if (earlyFailed) {
-            endConnection();
-            return;
-          }
-          sent = earlySent;
-        }
-        reply.push_back('\n');
-        if (sent < reply.size()) outgoing.append(reply, sent);
-      } else {
-        outgoing += std::holds_alternative<McpLineBuffer::TooLong>(item) ? tooLongAnswer()
-                                                                         : notTextAnswer();
-        outgoing.push_back('\n');
+    next = 0;
+    if (!stopped) accept();
+  }
+
+  // Reads what the client sent, or waits until it sends. The bytes are taken here, never by a
+  // read of Asio's whose handler is still queued, so that a stop finds every line the client
+  // sent either in `items` or still in the socket.
+  void read() {
+    for (;;) {
+      const ssize_t n =
+          ::recv(client.native_handle(), readBuffer.data(), readBuffer.size(), MSG_DONTWAIT);
+      if (n > 0) {
+        items.clear();
+        next = 0;
+        lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)), items);
+        answerNext();
+        return;
       }
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+      endConnection();  // 0 bytes: the client left
+      return;
     }
-    if (outgoing.empty()) {
+    client.async_wait(asio::socket_base::wait_read,
+                      [self = shared_from_this()](const asio::error_code& ec) {
+                        if (self->stopped) return;
+                        if (ec) {
+                          self->endConnection();
+                          return;
+                        }
+                        self->read();
+                      });
+  }
+
+  // Answers the next item; the one after it waits for a later turn of the queue.
+  void answerNext() {
+    if (next == items.size()) {
       read();
       return;
     }
-    // Asio sends with MSG_NOSIGNAL: a client that left gives EPIPE here, not SIGPIPE.
-    asio::async_write(client, asio::buffer(outgoing),
-                      [this](const asio::error_code& ec, std::size_t) {
+    const McpLineBuffer::Item& item = items[next++];
+    if (const auto* line = std::get_if<McpLineBuffer::Line>(&item)) {
+      try {
+        outgoing = handler(line->text);
+      } catch (const std::exception& e) {
+        outgoing =
+            encodeResponse(McpResponse::failure(std::nullopt, McpError::Code::ioError,
+                                                trf("命令の途中で失敗しました：%@", {e.what()})));
+      }
+    } else {
+      outgoing = answerWithout(item);
+    }
+    if (stopped) return;  // the port closed while the command ran: the connection is gone
+    outgoing.push_back('\n');
+    // Most answers fit the socket's buffer: written at once, without a trip through Asio.
+    std::size_t sent = 0;
+    while (sent < outgoing.size()) {
+      const ssize_t n = ::send(client.native_handle(), outgoing.data() + sent,
+                               outgoing.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+        endConnection();  // the client left; MSG_NOSIGNAL kept SIGPIPE away
+        return;
+      }
+      if (n < 0) break;
+      sent += static_cast<std::size_t>(n);
+    }
+    if (sent == outgoing.size()) {
+      answered();
+      return;
+    }
+    writing = true;
+    asio::async_write(client, asio::buffer(outgoing.data() + sent, outgoing.size() - sent),
+                      [self = shared_from_this()](const asio::error_code& ec, std::size_t) {
+                        self->writing = false;
+                        if (self->stopped) return;
                         if (ec) {
-                          endConnection();
+                          self->endConnection();
                           return;
                         }
-                        read();
+                        self->answered();
                       });
+  }
+
+  // The next line, or the next read, waits for its turn behind whatever else is queued.
+  void answered() {
+    asio::post(context, [self = shared_from_this()] {
+      if (!self->stopped) self->answerNext();
+    });
+  }
+
+  void close() {
+    if (stopped) return;
+    stopped = true;
+    // Mid-answer, the client would get a cut line followed by others: it gets nothing more.
+    if (client.is_open() && !writing) refuseWaiting();
+    asio::error_code ignored;
+    acceptor.close(ignored);
+    client.close(ignored);
+  }
+
+  // The lines that were read but not run, and those the client sent that were not read yet:
+  // none is run, and each is told why.
+  void refuseWaiting() {
+    std::string refusals;
+    auto refuse = [&](std::size_t from) {
+      for (std::size_t i = from; i < items.size(); ++i) {
+        const auto* line = std::get_if<McpLineBuffer::Line>(&items[i]);
+        refusals += line ? closedAnswer(line->text) : answerWithout(items[i]);
+        refusals.push_back('\n');
+      }
+      items.clear();
+    };
+    refuse(next);
+    const int fd = client.native_handle();
+    for (;;) {
+      const ssize_t n = ::recv(fd, readBuffer.data(), readBuffer.size(), MSG_DONTWAIT);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)), items);
+      refuse(0);
+    }
+    // A client that does not read its answers is not waited for.
+    std::size_t sent = 0;
+    while (sent < refusals.size()) {
+      const ssize_t n =
+          ::send(fd, refusals.data() + sent, refusals.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      sent += static_cast<std::size_t>(n);
+    }
   }
 };
 
-void McpSocketServer::sendEarly(std::string_view answer) {
-  std::lock_guard state(stateLock_);
-  if (!impl_) return;
-  Impl& impl = *impl_;
-  std::lock_guard lock(impl.earlyLock);
-  if (!impl.earlyOpen) return;
-  impl.earlyOpen = false;  // one answer per line
-  const int fd = impl.client.native_handle();
-  const std::size_t total = answer.size() + 1;
-  std::size_t sent = 0;
-  // The server's thread is inside the handler, so nothing else writes to the socket now.
-  // Never block the caller: what the socket does not take now, that thread sends.
-  while (sent < total) {
-    char newline = '\n';
-    iovec parts[2];
-    int count = 0;
-    if (sent < answer.size()) {
-      parts[count++] = {const_cast<char*>(answer.data()) + sent, answer.size() - sent};
-    }
-    parts[count++] = {&newline, 1};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(count);
-    const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      if (errno != EAGAIN && errno != EWOULDBLOCK) impl.earlyFailed = true;
-      break;
-    }
-    sent += static_cast<std::size_t>(n);
-  }
-  impl.earlySent = sent;
-}
-
-McpSocketServer::McpSocketServer(std::filesystem::path socketURL, Handler handler)
-    : socketURL_(std::move(socketURL)), handler_(std::move(handler)) {}
+McpSocketServer::McpSocketServer(std::filesystem::path socketURL, Handler handler, EventLoop& loop)
+    : socketURL_(std::move(socketURL)), handler_(std::move(handler)), loop_(loop) {}
 
 McpSocketServer::~McpSocketServer() {
   stop();
@@ -263,8 +311,7 @@ void McpSocketServer::start() {
     throw StartError(Kind::listenFailed, e);
   }
 
-  auto impl = std::make_unique<Impl>();
-  impl->handler = &handler_;
+  auto impl = std::make_shared<Impl>(loop_.context(), handler_);
   asio::error_code assignError;
   impl->acceptor.assign(asio::local::stream_protocol(), fd, assignError);
   if (assignError) {
@@ -275,31 +322,18 @@ void McpSocketServer::start() {
   impl->accept();
   impl_ = std::move(impl);
   stopped_ = false;
-  stopping_ = false;
-  thread_ = std::thread([ctx = &impl_->context] {
-    pthread_setname_np(pthread_self(), "melvo.mcp.accept");
-    ctx->run();
-  });
 }
 
 void McpSocketServer::stop() {
+  std::shared_ptr<Impl> impl;
   {
     std::lock_guard lock(stateLock_);
     if (!impl_ || stopped_) return;
     stopped_ = true;
-    stopping_ = true;
+    impl = std::move(impl_);
   }
-  Impl* impl = impl_.get();
-  asio::post(impl->context, [impl] {
-    asio::error_code ignored;
-    impl->acceptor.close(ignored);
-    impl->client.close(ignored);
-    impl->context.stop();
-  });
-  if (thread_.joinable()) thread_.join();
+  impl->close();
   ::unlink(socketURL_.c_str());
-  std::lock_guard lock(stateLock_);
-  impl_.reset();
 }
 
 }  // namespace melvo

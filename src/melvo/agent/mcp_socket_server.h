@@ -2,11 +2,16 @@
 //
 // Only the owner can connect: the socket is 0600 in a 0700 folder, and that mode is the
 // whole access check. One client is served at a time, to the end of its connection; others
-// wait in the backlog. Accepting and reading run on the server's own thread; the handler is
-// called there with each line and returns the answer line.
+// wait in the backlog.
+//
+// Accepting, reading and the handler run on the main queue, one step after another: a serial
+// queue of work that lives on the main thread. Asio's reads never block, so they need no
+// thread of their own, and the commands must run on the main thread anyway; a thread for the
+// socket would cost two more thread switches per command, which was most of a round trip.
+// One line is handled per turn of the queue, so the user's own events interleave with a long
+// batch of commands.
 #pragma once
 
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -14,9 +19,10 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
 
 namespace melvo {
+
+class EventLoop;
 
 class McpSocketServer {
  public:
@@ -38,44 +44,38 @@ class McpSocketServer {
   static constexpr int kBacklog = 4;
   static constexpr std::size_t kMaxPathBytes = 103;
 
-  // The handler gets one line (no newline, valid UTF-8) and gives one answer line.
+  // The handler gets one line (no newline, valid UTF-8) and gives one answer line. It runs on
+  // the loop's thread.
   using Handler = std::function<std::string(const std::string& line)>;
 
-  McpSocketServer(std::filesystem::path socketURL, Handler handler);
+  McpSocketServer(std::filesystem::path socketURL, Handler handler, EventLoop& loop);
   ~McpSocketServer();
   McpSocketServer(const McpSocketServer&) = delete;
   McpSocketServer& operator=(const McpSocketServer&) = delete;
 
   // Throws StartError; nothing is left listening after a failure.
   void start();
-  // Closes the port and removes the socket file; waits for the server's thread. The handler
-  // must not wait for the caller's thread unchecked (see stopping()).
+  // Closes the port and removes the socket file. Lines the client sent that were not run yet
+  // are not run: each is answered that the port was closed. Call it on the loop's thread, or
+  // while no thread runs the loop.
   void stop();
 
   bool isListening() const;
-  // True from the moment stop() begins: a handler waiting for another thread gives up.
-  bool stopping() const { return stopping_.load(); }
   const std::filesystem::path& socketURL() const { return socketURL_; }
-
-  // Called by a handler's work on another thread (the main queue) with the answer the handler
-  // is about to return: sends it and its newline to the client at once, so the client is woken
-  // by the answer itself rather than after a hand-back to the server's thread. The handler
-  // still returns the same answer; what went out is not sent again. Does nothing when an
-  // earlier answer of the same read is still waiting to go, so answers keep their order.
-  void sendEarly(std::string_view answer);
 
   // The answer to a line over the limit, and to bytes that are not text.
   static std::string tooLongAnswer();
   static std::string notTextAnswer();
+  // The answer to a line that was not run because the port closed; it keeps the line's id.
+  static std::string closedAnswer(std::string_view line);
 
  private:
   struct Impl;
   std::filesystem::path socketURL_;
   Handler handler_;
+  EventLoop& loop_;
   mutable std::mutex stateLock_;
-  std::unique_ptr<Impl> impl_;
-  std::thread thread_;
-  std::atomic<bool> stopping_{false};
+  std::shared_ptr<Impl> impl_;  // shared with the queued work, which may outlive a stop
   bool stopped_ = true;
 };
 

@@ -135,7 +135,12 @@ Json fromElement(simdjson::dom::element e) {
 }  // namespace
 
 Json Json::parse(std::string_view text) {
-  simdjson::dom::parser parser;
+  // A parser's buffers cost more than parsing a short text (an agent's request): short texts
+  // share one parser per thread, whose buffers stay small; long ones get their own.
+  constexpr std::size_t kShared = 65536;
+  thread_local simdjson::dom::parser shared;
+  simdjson::dom::parser own;
+  simdjson::dom::parser& parser = text.size() <= kShared ? shared : own;
   simdjson::padded_string padded(text);
   simdjson::dom::element root;
   auto error = parser.parse(padded).get(root);
