@@ -43,21 +43,13 @@ std::size_t phonemeLyricCount(Context& c, std::size_t track, const NoteList& not
 
 McpJSON summary(Context& c) {
   const MusicDocument& d = doc(c);
-  McpJSON r = McpJSON::object();
-  r["title"] = d.title;
-  auto path = c.host.documentPath ? c.host.documentPath() : std::nullopt;
-  r["path"] = path ? McpJSON(*path) : McpJSON();
-  r["dirty"] = c.host.isDirty ? c.host.isDirty() : false;
-  r["ppq"] = d.ppq;
   McpJSON tempos = McpJSON::array();
   for (const auto& t : d.tempoMap) tempos.push(McpJSON::Object{{"bpm", t.bpm}, {"tick", t.tick}});
-  r["tempoMap"] = std::move(tempos);
   McpJSON meters = McpJSON::array();
   for (const auto& m : d.timeSignatures) {
     meters.push(McpJSON::Object{
         {"denominator", m.denominator}, {"numerator", m.numerator}, {"tick", m.tick}});
   }
-  r["timeSignatures"] = std::move(meters);
   McpJSON tracks = McpJSON::array();
   std::size_t phonemeLyrics = 0;
   // Fitted to the song's tracks, so the memo holds no notes of tracks that went.
@@ -74,10 +66,19 @@ McpJSON summary(Context& c) {
                                 {"pan", t.pan},
                                 {"volume", t.volume}});
   }
-  r["tracks"] = std::move(tracks);
-  r["phonemeLyricCount"] = phonemeLyrics;
-  if (c.host.currentTrack) r["currentTrack"] = c.host.currentTrack();
-  return r;
+  auto path = c.host.documentPath ? c.host.documentPath() : std::nullopt;
+  // Keys in their sorted order: each goes in at the end without a search.
+  McpJSON::Object r;
+  if (c.host.currentTrack) r.emplace_hint(r.end(), "currentTrack", c.host.currentTrack());
+  r.emplace_hint(r.end(), "dirty", c.host.isDirty ? c.host.isDirty() : false);
+  r.emplace_hint(r.end(), "path", path ? McpJSON(std::move(*path)) : McpJSON());
+  r.emplace_hint(r.end(), "phonemeLyricCount", phonemeLyrics);
+  r.emplace_hint(r.end(), "ppq", d.ppq);
+  r.emplace_hint(r.end(), "tempoMap", std::move(tempos));
+  r.emplace_hint(r.end(), "timeSignatures", std::move(meters));
+  r.emplace_hint(r.end(), "title", d.title);
+  r.emplace_hint(r.end(), "tracks", std::move(tracks));
+  return McpJSON(std::move(r));
 }
 
 McpJSON trackRead(Context& c) {

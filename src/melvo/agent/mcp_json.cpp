@@ -56,20 +56,24 @@ McpRequest decodeRequest(std::string_view line) {
     throw McpDecodeError{tr("JSON として読めません")};
   }
   if (!json.isObject()) throw McpDecodeError{tr("JSON として読めません")};
+  McpJSON::Object& top = json.asObject();
   McpRequest request;
-  const McpJSON* command = json.find("command");
-  if (const McpJSON* id = json.find("id")) {
-    if (!id->isString()) throw McpDecodeError{tr("id は文字列で渡してください")};
-    request.id = id->asString();
+  auto id = top.find("id");
+  if (id != top.end()) {
+    if (!id->second.isString()) throw McpDecodeError{tr("id は文字列で渡してください")};
+    request.id = id->second.asString();
   }
-  if (!command || !command->isString()) {
+  auto command = top.find("command");
+  if (command == top.end() || !command->second.isString()) {
     throw McpDecodeError{tr("command に命令の名を文字列で渡してください")};
   }
-  request.command = command->asString();
-  if (const McpJSON* args = json.find("args")) {
-    if (args->isObject()) {
-      request.args = args->asObject();
-    } else if (!args->isNull()) {
+  request.command = command->second.asString();
+  auto args = top.find("args");
+  if (args != top.end()) {
+    if (args->second.isObject()) {
+      // Taken out of the parsed request, not copied: the arguments of a batch can be large.
+      request.args = std::move(args->second.asObject());
+    } else if (!args->second.isNull()) {
       throw McpDecodeError{tr("args は JSON のオブジェクトで渡してください")};
     }
   }
@@ -125,6 +129,7 @@ std::string encodeLine(const McpJSON& value) {
 
 std::string encodeResponse(const McpResponse& response) {
   std::string out;
+  out.reserve(512);  // most answers fit: no growing copy after copy
   JsonWriter w(out, JsonStyle::Line);
   w.beginObject();
   if (response.error) {

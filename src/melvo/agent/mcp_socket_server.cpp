@@ -129,10 +129,23 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
     if (!stopped) accept();
   }
 
-  // Reads what the client sent, or waits until it sends. The bytes are taken here, never by a
-  // read of Asio's whose handler is still queued, so that a stop finds every line the client
-  // sent either in `items` or still in the socket.
+  // Waits until the client sends, then reads. The bytes are taken by receive(), never by a read
+  // of Asio's whose handler is still queued, so that a stop finds every line the client sent
+  // either in `items` or still in the socket. Waiting first also saves a read that would find
+  // nothing: a client mostly waits for its answer before it sends again.
   void read() {
+    client.async_wait(asio::socket_base::wait_read,
+                      [self = shared_from_this()](const asio::error_code& ec) {
+                        if (self->stopped) return;
+                        if (ec) {
+                          self->endConnection();
+                          return;
+                        }
+                        self->receive();
+                      });
+  }
+
+  void receive() {
     for (;;) {
       const ssize_t n =
           ::recv(client.native_handle(), readBuffer.data(), readBuffer.size(), MSG_DONTWAIT);
@@ -144,19 +157,13 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
         return;
       }
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        read();
+        return;
+      }
       endConnection();  // 0 bytes: the client left
       return;
     }
-    client.async_wait(asio::socket_base::wait_read,
-                      [self = shared_from_this()](const asio::error_code& ec) {
-                        if (self->stopped) return;
-                        if (ec) {
-                          self->endConnection();
-                          return;
-                        }
-                        self->read();
-                      });
   }
 
   // Answers the next item; the one after it waits for a later turn of the queue.
@@ -209,8 +216,13 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
                       });
   }
 
-  // The next line, or the next read, waits for its turn behind whatever else is queued.
+  // The next line waits for its turn behind whatever else is queued. So does the next read: the
+  // wait's end comes through the queue too.
   void answered() {
+    if (next == items.size()) {
+      read();
+      return;
+    }
     asio::post(context, [self = shared_from_this()] {
       if (!self->stopped) self->answerNext();
     });

@@ -135,15 +135,21 @@ Json fromElement(simdjson::dom::element e) {
 }  // namespace
 
 Json Json::parse(std::string_view text) {
-  // A parser's buffers cost more than parsing a short text (an agent's request): short texts
-  // share one parser per thread, whose buffers stay small; long ones get their own.
-  constexpr std::size_t kShared = 65536;
-  thread_local simdjson::dom::parser shared;
-  simdjson::dom::parser own;
-  simdjson::dom::parser& parser = text.size() <= kShared ? shared : own;
-  simdjson::padded_string padded(text);
   simdjson::dom::element root;
-  auto error = parser.parse(padded).get(root);
+  simdjson::error_code error;
+  // A parser's buffers cost more than parsing a short text (an agent's request): short texts
+  // share one parser per thread, which also keeps the padded copy of the text, and its buffers
+  // stay small. Long ones get their own.
+  constexpr std::size_t kShared = 65536;
+  if (text.size() <= kShared) {
+    thread_local simdjson::dom::parser shared;
+    error = shared.parse(text.data(), text.size()).get(root);
+    if (error) throw JsonError(simdjson::error_message(error));
+    return fromElement(root);
+  }
+  simdjson::dom::parser parser;
+  simdjson::padded_string padded(text);
+  error = parser.parse(padded).get(root);
   if (error) throw JsonError(simdjson::error_message(error));
   return fromElement(root);
 }
