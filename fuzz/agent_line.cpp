@@ -1,6 +1,7 @@
 // Bytes from an agent's connection: cut into lines as the port cuts them (the input split
 // into reads at its first byte's choosing), each line run through the command layer over a
-// small song. Every answer must be one line of JSON with a Boolean "ok".
+// small song. Every answer must be one line of JSON with a Boolean "ok", and what the layer
+// remembers between commands must never change an answer: its summary equals a fresh one's.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,8 +16,9 @@ namespace {
 melvo::MusicDocument smallSong() {
   melvo::MusicDocument d;
   for (int i = 0; i < 8; ++i) {
-    d.tracks[0].notes.push_back(
-        melvo::NoteEvent::make(melvo::Uuid::random(), i * 480, 480, 60 + i, 100, "ら"));
+    auto n = melvo::NoteEvent::make(melvo::Uuid::random(), i * 480, 480, 60 + i, 100, "ら");
+    if (i % 2 == 0) n.sourcePhonemes = "ら";  // lyric edits then change the summary's count
+    d.tracks[0].notes.push_back(std::move(n));
   }
   d.tracks.push_back(melvo::MusicTrack{});
   return d;
@@ -56,6 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (const auto* line = std::get_if<melvo::McpLineBuffer::Line>(&item)) {
         if (line->text.size() > lines.maxLineBytes) __builtin_trap();
         checkAnswer(layer.handleLine(line->text));
+        const std::string summary = R"({"command":"document.summary"})";
+        if (layer.handleLine(summary) != melvo::McpCommandLayer(memory.host()).handleLine(summary))
+          __builtin_trap();
       }
     }
   }
