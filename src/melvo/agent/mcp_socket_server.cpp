@@ -105,6 +105,30 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
   bool writing = false;  // an answer is on its way
   bool stopped = false;
 
+  // What the client sent, without waiting: the byte count, 0 when it left, -1 with errno.
+  ssize_t receiveNow() {
+    for (;;) {
+      const ssize_t n =
+          ::recv(client.native_handle(), readBuffer.data(), readBuffer.size(), MSG_DONTWAIT);
+      if (n >= 0 || errno != EINTR) return n;
+    }
+  }
+
+  // Writes what the socket takes now; the bytes written, or nothing when the client left.
+  // MSG_NOSIGNAL: a client that left gives EPIPE here, not SIGPIPE.
+  std::optional<std::size_t> sendNow(std::string_view bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+      const ssize_t n = ::send(client.native_handle(), bytes.data() + sent, bytes.size() - sent,
+                               MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+      if (n < 0) return std::nullopt;
+      sent += static_cast<std::size_t>(n);
+    }
+    return sent;
+  }
+
   static std::string answerWithout(const McpLineBuffer::Item& item) {
     return std::holds_alternative<McpLineBuffer::TooLong>(item) ? tooLongAnswer() : notTextAnswer();
   }
@@ -146,23 +170,16 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void receive() {
-    for (;;) {
-      const ssize_t n =
-          ::recv(client.native_handle(), readBuffer.data(), readBuffer.size(), MSG_DONTWAIT);
-      if (n > 0) {
-        items.clear();
-        next = 0;
-        lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)), items);
-        answerNext();
-        return;
-      }
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        read();
-        return;
-      }
+    const ssize_t n = receiveNow();
+    if (n > 0) {
+      items.clear();
+      next = 0;
+      lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)), items);
+      answerNext();
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      read();
+    } else {
       endConnection();  // 0 bytes: the client left
-      return;
     }
   }
 
@@ -187,24 +204,17 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
     if (stopped) return;  // the port closed while the command ran: the connection is gone
     outgoing.push_back('\n');
     // Most answers fit the socket's buffer: written at once, without a trip through Asio.
-    std::size_t sent = 0;
-    while (sent < outgoing.size()) {
-      const ssize_t n = ::send(client.native_handle(), outgoing.data() + sent,
-                               outgoing.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
-        endConnection();  // the client left; MSG_NOSIGNAL kept SIGPIPE away
-        return;
-      }
-      if (n < 0) break;
-      sent += static_cast<std::size_t>(n);
+    const auto sent = sendNow(outgoing);
+    if (!sent) {
+      endConnection();
+      return;
     }
-    if (sent == outgoing.size()) {
+    if (*sent == outgoing.size()) {
       answered();
       return;
     }
     writing = true;
-    asio::async_write(client, asio::buffer(outgoing.data() + sent, outgoing.size() - sent),
+    asio::async_write(client, asio::buffer(outgoing.data() + *sent, outgoing.size() - *sent),
                       [self = shared_from_this()](const asio::error_code& ec, std::size_t) {
                         self->writing = false;
                         if (self->stopped) return;
@@ -251,23 +261,11 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
       items.clear();
     };
     refuse(next);
-    const int fd = client.native_handle();
-    for (;;) {
-      const ssize_t n = ::recv(fd, readBuffer.data(), readBuffer.size(), MSG_DONTWAIT);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
+    for (ssize_t n; (n = receiveNow()) > 0;) {
       lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)), items);
       refuse(0);
     }
-    // A client that does not read its answers is not waited for.
-    std::size_t sent = 0;
-    while (sent < refusals.size()) {
-      const ssize_t n =
-          ::send(fd, refusals.data() + sent, refusals.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      sent += static_cast<std::size_t>(n);
-    }
+    sendNow(refusals);  // a client that does not read its answers is not waited for
   }
 };
 
