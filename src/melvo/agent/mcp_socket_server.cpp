@@ -189,10 +189,13 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
       read();
       return;
     }
-    const McpLineBuffer::Item& item = items[next++];
-    if (const auto* line = std::get_if<McpLineBuffer::Line>(&item)) {
+    McpLineBuffer::Item& item = items[next++];
+    if (auto* line = std::get_if<McpLineBuffer::Line>(&item)) {
+      // Moved out first: a command that lets the queue turn may see the port close and the
+      // waiting lines go.
+      const std::string text = std::move(line->text);
       try {
-        outgoing = handler(line->text);
+        outgoing = handler(text);
       } catch (const std::exception& e) {
         outgoing =
             encodeResponse(McpResponse::failure(std::nullopt, McpError::Code::ioError,
