@@ -153,21 +153,26 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
     if (!stopped) accept();
   }
 
+  // The end of a wait or a write: goes on with `step`, unless the port closed or the client
+  // left.
+  template <typename... Rest>
+  auto then(void (Impl::*step)()) {
+    return [self = shared_from_this(), step](const asio::error_code& ec, Rest...) {
+      self->writing = false;
+      if (self->stopped) return;
+      if (ec) {
+        self->endConnection();
+        return;
+      }
+      ((*self).*step)();
+    };
+  }
+
   // Waits until the client sends, then reads. The bytes are taken by receive(), never by a read
   // of Asio's whose handler is still queued, so that a stop finds every line the client sent
   // either in `items` or still in the socket. Waiting first also saves a read that would find
   // nothing: a client mostly waits for its answer before it sends again.
-  void read() {
-    client.async_wait(asio::socket_base::wait_read,
-                      [self = shared_from_this()](const asio::error_code& ec) {
-                        if (self->stopped) return;
-                        if (ec) {
-                          self->endConnection();
-                          return;
-                        }
-                        self->receive();
-                      });
-  }
+  void read() { client.async_wait(asio::socket_base::wait_read, then(&Impl::receive)); }
 
   void receive() {
     const ssize_t n = receiveNow();
@@ -218,15 +223,7 @@ struct McpSocketServer::Impl : std::enable_shared_from_this<Impl> {
     }
     writing = true;
     asio::async_write(client, asio::buffer(outgoing.data() + *sent, outgoing.size() - *sent),
-                      [self = shared_from_this()](const asio::error_code& ec, std::size_t) {
-                        self->writing = false;
-                        if (self->stopped) return;
-                        if (ec) {
-                          self->endConnection();
-                          return;
-                        }
-                        self->answered();
-                      });
+                      then<std::size_t>(&Impl::answered));
   }
 
   // The next line waits for its turn behind whatever else is queued. So does the next read: the
