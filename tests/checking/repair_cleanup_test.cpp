@@ -283,16 +283,6 @@ TEST_F(Cleanup, MutedTracksAreLeftAlone) {
   EXPECT_EQ(lyrics(r.document, 1)[0], "ｶ");
 }
 
-TEST_F(Cleanup, NeverLeavesMoreErrorRows) {
-  auto d = song(legato({"ねこ", "R", "か゛", "ｶ", "😀", "ー", "ゐ", "を", "さ強"}, 480));
-  auto errors = [](const MusicDocument& doc) {
-    int n = 0;
-    for (const auto& row : test::check(doc)) n += row.severity == ValidationIssue::Severity::error;
-    return n;
-  };
-  EXPECT_LT(errors(run(d).document), errors(d));
-}
-
 // Every kind of row whose text says the clean-up repairs it: after the clean-up the check
 // shows none of them. Each lyric sits on its own note with rests around it, so that no row
 // stands for a neighbour's fault.

@@ -6,7 +6,6 @@
 #include <set>
 
 #include "checking/score_validator_support.h"
-#include "melvo/checking/cleanup_engine.h"
 #include "melvo/checking/lyric_rules.h"
 #include "melvo/checking/suggestion_applier.h"
 #include "melvo/editing/piano_roll_view_model.h"
@@ -16,46 +15,8 @@ namespace melvo {
 namespace {
 
 using test::legato;
-using test::note;
 using test::song;
 using S = ValidationIssue::Suggestion;
-
-// Lyric faults of many kinds on one sung track.
-MusicDocument brokenLyrics() {
-  std::vector<NoteEvent> n = legato({"ねこ", "R", "空", "！", "", "ゐ", "っ", "た", "あ", "ー",
-                                     "あゃ", "ｶ", "か゛", "さ強", "😀な", "きょうは"},
-                                    480);
-  n[8].velocity = 0;  // a ghost note
-  return song(std::move(n));
-}
-
-// Note shape: a chord, an overlap, a short gap, a tiny note, a note out of range, a note
-// that ends past the next one.
-MusicDocument brokenShapes() {
-  std::vector<NoteEvent> n;
-  n.push_back(note(0, 480, "か", 60));
-  n.push_back(note(0, 480, "", 64));
-  n.push_back(note(0, 480, "", 67));
-  n.push_back(note(480, 600, "き", 62));
-  n.push_back(note(960, 400, "く", 62));
-  n.push_back(note(1400, 480, "け", 62));
-  n.push_back(note(1880, 1, "", 62));
-  n.push_back(note(1920, 480, "こ", 20));
-  n.push_back(note(2400, 480, "さ", 110));
-  n.push_back(note(2900, 480, "し", 64));
-  return song(std::move(n));
-}
-
-// Maps: duplicate tempo and meter events, and an import notice that carries a fix.
-MusicDocument brokenMapsAndNotice() {
-  MusicDocument d = song(legato({"あ", "", "う"}, 480));
-  d.tempoMap = {{0, 120}, {0, 90}, {960, 140}, {960, 150}};
-  d.timeSignatures = {{0, 4, 4}, {0, 3, 4}};
-  const Uuid target = d.tracks[0].notes[1].id;
-  d.addNotice(notice_kinds::midiTextNotLyrics, 0, target, 480, std::string("い"),
-              {{S::SetLyrics{{{target, "い"}}}}});
-  return d;
-}
 
 // A row as the list shows it; a repair must remove it or change one of these.
 struct Shown {
@@ -110,19 +71,8 @@ class RepairProperty : public ::testing::TestWithParam<int> {
   test::JapaneseTexts japanese;
 };
 
-MusicDocument brokenSong(int which) {
-  switch (which) {
-    case 0:
-      return brokenLyrics();
-    case 1:
-      return brokenShapes();
-    default:
-      return brokenMapsAndNotice();
-  }
-}
-
 TEST_P(RepairProperty, EveryRepairAppliesAndKeepsItsPromise) {
-  const MusicDocument before = brokenSong(GetParam());
+  const MusicDocument before = test::brokenSong(GetParam());
   const auto rows = test::check(before);
   ASSERT_GE(rows.size(), 3u);
   const auto oldNotes = noteMap(before);
@@ -175,36 +125,6 @@ TEST_P(RepairProperty, EveryRepairAppliesAndKeepsItsPromise) {
   // The songs are broken in enough ways that the property says something.
   EXPECT_GE(repaired.size(), 2u);
   EXPECT_EQ(noticeRepaired, !before.importNotices.empty());
-}
-
-// The clean-up over the same songs, every pass on: it may trade one finding for another but
-// never leaves more errors than it found, and whatever it removed is in its log.
-TEST_P(RepairProperty, CleanupNeverAddsErrors) {
-  const MusicDocument before = brokenSong(GetParam());
-  CleanupOptions all;
-  all.standaloneSokuon = true;
-  CleanupPolicy fixAll{CleanupDecision::autoFix, CleanupDecision::autoFix,
-                       CleanupDecision::autoFix};
-  for (const CleanupPolicy& policy : {CleanupPolicy{}, fixAll}) {
-    const auto result = runCleanup(before, all, {}, {}, policy);
-    auto errors = [](const MusicDocument& d) {
-      std::size_t n = 0;
-      for (const auto& r : test::check(d)) n += r.severity == ValidationIssue::Severity::error;
-      return n;
-    };
-    EXPECT_LE(errors(result.document), errors(before));
-    const auto after = noteMap(result.document);
-    for (const auto& [id, old] : noteMap(before)) {
-      if (after.count(id)) continue;
-      // A merged note stands in its neighbour's line, where the parts are joined with "／".
-      bool logged = false;
-      for (const auto& e : result.report.entries)
-        logged |=
-            e.noteID == id || (!old.lyric.empty() && e.before.find("／") != std::string::npos &&
-                               e.before.find(old.lyric) != std::string::npos);
-      EXPECT_TRUE(logged) << "lost without a log line: " << old.lyric << " at " << old.tick;
-    }
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(BrokenSongs, RepairProperty, ::testing::Values(0, 1, 2));

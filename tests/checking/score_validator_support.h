@@ -33,6 +33,32 @@ inline std::vector<NoteEvent> legato(const std::vector<std::string>& lyrics, std
   return out;
 }
 
+// Songs broken on purpose, for the repairs: 0 lyric faults of many kinds and a ghost note;
+// 1 note shapes (a chord, an overlap, a short gap, a tiny note, notes out of range, a note
+// that ends past the next one); 2 duplicate tempo and meter events and an import notice that
+// carries a fix.
+inline MusicDocument brokenSong(int which) {
+  if (which == 0) {
+    std::vector<NoteEvent> n = legato({"ねこ", "R", "空", "！", "", "ゐ", "っ", "た", "あ", "ー",
+                                       "あゃ", "ｶ", "か゛", "さ強", "😀な", "きょうは"},
+                                      480);
+    n[8].velocity = 0;
+    return song(std::move(n));
+  }
+  if (which == 1)
+    return song({note(0, 480, "か", 60), note(0, 480, "", 64), note(0, 480, "", 67),
+                 note(480, 600, "き", 62), note(960, 400, "く", 62), note(1400, 480, "け", 62),
+                 note(1880, 1, "", 62), note(1920, 480, "こ", 20), note(2400, 480, "さ", 110),
+                 note(2900, 480, "し", 64)});
+  MusicDocument d = song(legato({"あ", "", "う"}, 480));
+  d.tempoMap = {{0, 120}, {0, 90}, {960, 140}, {960, 150}};
+  d.timeSignatures = {{0, 4, 4}, {0, 3, 4}};
+  const Uuid target = d.tracks[0].notes[1].id;
+  d.addNotice(notice_kinds::midiTextNotLyrics, 0, target, 480, std::string("い"),
+              {{ValidationIssue::Suggestion::SetLyrics{{{target, "い"}}}}});
+  return d;
+}
+
 inline std::vector<ValidationIssue> check(const MusicDocument& d,
                                           const std::vector<Uuid>& sung = {}) {
   return validate(d, sung, {});

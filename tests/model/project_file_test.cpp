@@ -72,18 +72,13 @@ TEST(ProjectFile, AbsentKeysTakeDefaultsAndEmptyMapsStayEmpty) {
   EXPECT_DOUBLE_EQ(d.seconds(960), 1.0);  // an empty tempo map runs at 120
 }
 
-TEST(ProjectFile, RepairsTemposMetersAndColours) {
-  MusicDocument d = decodeProject(
-      R"({"tempoMap":[{"tick":0,"bpm":0},{"tick":1,"bpm":2000},{"tick":2,"bpm":0.5}],)"
-      R"("timeSignatures":[{"tick":0,"numerator":3,"denominator":5},)"
-      R"({"tick":1,"numerator":0,"denominator":4},{"tick":2,"numerator":100,"denominator":8}],)"
-      R"("tracks":[{"colorHex":"#33ccbb"},{"colorHex":"#ABCDEF"}]})");
-  EXPECT_EQ(d.tempoMap[0].bpm, 120);
-  EXPECT_EQ(d.tempoMap[1].bpm, 1000);
-  EXPECT_EQ(d.tempoMap[2].bpm, 1);
-  EXPECT_EQ(d.timeSignatures[0].denominator, 4);
-  EXPECT_EQ(d.timeSignatures[1].numerator, 1);
-  EXPECT_EQ(d.timeSignatures[2].numerator, 64);
+// The repairs themselves are the document's own; here only that reading applies them.
+TEST(ProjectFile, RepairsMapsAndColoursOnTheWayIn) {
+  MusicDocument d = decodeProject(R"({"tempoMap":[{"tick":0,"bpm":2000}],)"
+                                  R"("timeSignatures":[{"tick":0,"numerator":3,"denominator":5}],)"
+                                  R"("tracks":[{"colorHex":"#33ccbb"},{"colorHex":"#ABCDEF"}]})");
+  EXPECT_EQ(d.tempoMap[0].bpm, 1000);
+  EXPECT_EQ(d.timeSignatures[0], (TimeSignatureEvent{0, 3, 4}));
   EXPECT_EQ(d.tracks[0].colorHex, MusicTrack::defaultTrackColor());
   EXPECT_EQ(d.tracks[1].colorHex, "#ABCDEF");
 }
@@ -97,8 +92,6 @@ TEST(ProjectFile, StrictWhereAValueCannotBeRepaired) {
   EXPECT_THROW(decodeProject(R"({"tracks":[{"id":"not-a-uuid"}]})"), ProjectDecodeError);
   EXPECT_THROW(decodeProject(R"({"tracks":[{"notes":[{"tick":0.5,"duration":1,"pitch":1}]}]})"),
                ProjectDecodeError);
-  EXPECT_THROW(decodeProject("[1,2]"), ProjectDecodeError);
-  EXPECT_THROW(decodeProject("{\"title\":"), ProjectDecodeError);
   EXPECT_THROW(decodeProject("not json at all"), ProjectDecodeError);
 }
 
