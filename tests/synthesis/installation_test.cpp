@@ -73,14 +73,6 @@ TEST(InstallationTest, LoaderFailureIsBrokenWithItsText) {
   EXPECT_NE(broken->detail.back(), '\n');
 }
 
-TEST(InstallationTest, AHangingToolIsEndedAtTheTimeoutAndCountsAsRunning) {
-  test::TempDir dir;
-  test::makeFakeEngine(dir.path(), "echo usage: neutrino ...\ntrap '' TERM\nsleep 30");
-  const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(finder::checkExecutable(dir.path(), 0.5), finder::ExecutableCheck(finder::Ok{}));
-  EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
-}
-
 // Live processes running the program at `exe`.
 std::vector<pid_t> processesOf(const fs::path& exe) {
   std::vector<pid_t> out;
@@ -120,22 +112,6 @@ TEST(InstallationTest, TheStandInsStartFailuresReadAsTheRealEngines) {
   while (!processesOf(tool).empty() && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(20ms);
   EXPECT_TRUE(processesOf(tool).empty());
-}
-
-TEST(InstallationTest, AMissingOrNonExecutableToolIsMissing) {
-  test::TempDir dir;
-  makeInstallation(dir.path());  // written without the x bit
-  EXPECT_EQ(finder::checkExecutable(dir.path(), 1), finder::ExecutableCheck(finder::Missing{}));
-  auto s = NEUTRINOSetupHelper::status(dir.path());
-  EXPECT_TRUE(s.neutrinoDirOK);
-  EXPECT_FALSE(s.quarantineFound);
-  EXPECT_EQ(s.executablesMissing, (std::vector<std::string>{"neutrino", "musicXMLtoLabel"}));
-  std::vector<std::string> log;
-  EXPECT_TRUE(
-      NEUTRINOSetupHelper::fix(dir.path(), [&](const std::string& l) { log.push_back(l); }));
-  EXPECT_TRUE(NEUTRINOSetupHelper::status(dir.path()).executablesMissing.empty());
-  EXPECT_EQ(log.size(), 2u);
-  EXPECT_FALSE(NEUTRINOSetupHelper::status(dir / "nowhere").neutrinoDirOK);
 }
 
 TEST(DiscoveryTest, WalksThreeLevelsAndNotIntoAFoundInstallation) {
