@@ -1,7 +1,6 @@
 #include "melvo/synthesis/installation_finder.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <thread>
 
@@ -85,19 +84,9 @@ std::vector<pid_t> processesOf(const fs::path& exe) {
   return out;
 }
 
-TEST(InstallationTest, TheStandInsStartFailuresReadAsTheRealEngines) {
-  // The environment reaches the tool, so the shared stand-in can be told to fail on loading.
-  ASSERT_EQ(::setenv("MELVO_STANDIN_MODE", "missing-library", 1), 0);
-  auto check = finder::checkExecutable(test::standInEngine(), 5);
-  ::unsetenv("MELVO_STANDIN_MODE");
-  auto* broken = std::get_if<finder::Broken>(&check);
-  ASSERT_TRUE(broken);
-  EXPECT_TRUE(broken->detail.starts_with(
-      "neutrino: error while loading shared libraries: libonnxruntime.so.1"))
-      << broken->detail;
-
-  // A copy of its own, told by the file beside it to hang and shrug off SIGTERM, so that any
-  // process left running is plainly this one.
+TEST(InstallationTest, AHangingToolIsEndedAtTheTimeoutCountsAsRunningAndLeavesNoProcess) {
+  // A copy of the stand-in of its own, told by the file beside it to hang and shrug off
+  // SIGTERM, so that any process left running is plainly this one.
   test::TempDir dir;
   fs::create_directories(dir / "bin");
   fs::copy_file(test::standInEngine() / "bin" / "neutrino", dir / "bin" / "neutrino");
