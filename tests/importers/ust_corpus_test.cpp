@@ -5,7 +5,6 @@
 #include "importer_test_support.h"
 #include "melvo/importers/import_entry.h"
 #include "melvo/importers/ust_parser.h"
-#include "melvo/platform/atomic_file.h"
 #include "ust_test_support.h"
 
 namespace fs = std::filesystem;
@@ -52,13 +51,6 @@ TEST(UstCorpus, AFileCutMidNoteOpensWhatIsThereWithANotice) {
   }
   // Every cut loses the last note's pitch at least, and says so.
   EXPECT_EQ(cutsTold, static_cast<int>(whole.size() - lastNote - 2));
-}
-
-TEST(UstCorpus, TheOpenEntryReadsUstFiles) {
-  test::TempDir dir;
-  test::writeText(dir.path() / "Song.UST", test::ustText({{"あ"}, {"い"}}));
-  const MusicDocument d = openDocument(dir.path() / "Song.UST");
-  EXPECT_EQ(d.totalNoteCount(), 2u);
 }
 
 }  // namespace

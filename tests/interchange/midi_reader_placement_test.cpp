@@ -3,22 +3,19 @@
 #include <gtest/gtest.h>
 
 #include "interchange/midi_reader_builder.h"
+#include "interchange/notice_buttons.h"
 #include "melvo/interchange/midi_file_reader.h"
 
 namespace melvo {
 namespace {
 
+using test::noticeOf;
 using test::TrackBytes;
 
 std::vector<std::string> keys(const MusicDocument& d) {
   std::vector<std::string> out;
   for (const ImportNotice& n : d.importNotices) out.push_back(n.kind->key);
   return out;
-}
-const ImportNotice* findNotice(const MusicDocument& d, std::string_view key) {
-  for (const ImportNotice& n : d.importNotices)
-    if (n.kind->key == key) return &n;
-  return nullptr;
 }
 std::string lyricsOf(const MusicTrack& t) {
   std::string s;
@@ -45,8 +42,8 @@ TEST(MidiReaderPlacement, ALyricJustBeforeAnOnsetMovesTheHead) {
   EXPECT_EQ(moved.tick, 470);
   EXPECT_EQ(moved.duration, 490);
   EXPECT_EQ(moved.lyric, "か");
-  ASSERT_NE(findNotice(a, "midiLyricWithoutOnset"), nullptr);
-  EXPECT_EQ(findNotice(a, "midiLyricMovedNote")->places[0].noteID, moved.id);
+  ASSERT_NE(noticeOf(a, "midiLyricWithoutOnset"), nullptr);
+  EXPECT_EQ(noticeOf(a, "midiLyricMovedNote")->places[0].noteID, moved.id);
 
   // 100 ticks before it: the lyric is not placed.
   TrackBytes far;
@@ -54,8 +51,8 @@ TEST(MidiReaderPlacement, ALyricJustBeforeAnOnsetMovesTheHead) {
   const MusicDocument b = MIDIFileParser::parseBytes(test::midiFile({far}));
   EXPECT_EQ(b.tracks[0].notes[1].tick, 480);
   EXPECT_TRUE(b.tracks[0].notes[1].lyric.empty());
-  ASSERT_NE(findNotice(b, "midiLyricNotPlaced"), nullptr);
-  EXPECT_EQ(findNotice(b, "midiLyricNotPlaced")->places[0].text, "か");
+  ASSERT_NE(noticeOf(b, "midiLyricNotPlaced"), nullptr);
+  EXPECT_EQ(noticeOf(b, "midiLyricNotPlaced")->places[0].text, "か");
 }
 
 TEST(MidiReaderPlacement, ASecondLyricInOneNoteOverflowsWithItsText) {
@@ -71,12 +68,12 @@ TEST(MidiReaderPlacement, ASecondLyricInOneNoteOverflowsWithItsText) {
       .sung(0, 64, 480, "ぽ");
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
   EXPECT_EQ(lyricsOf(d.tracks[0]), "さ ら ぽ ");
-  const ImportNotice* over = findNotice(d, "midiLyricOverflow");
+  const ImportNotice* over = noticeOf(d, "midiLyricOverflow");
   ASSERT_NE(over, nullptr);
   EXPECT_EQ(over->places[0].text, "く");
   // "ん" stood in the last 32nd of its note with the next note's lyric right behind it.
-  ASSERT_NE(findNotice(d, "midiLyricAtNoteEnd"), nullptr);
-  EXPECT_EQ(findNotice(d, "midiLyricAtNoteEnd")->places[0].text, "ん");
+  ASSERT_NE(noticeOf(d, "midiLyricAtNoteEnd"), nullptr);
+  EXPECT_EQ(noticeOf(d, "midiLyricAtNoteEnd")->places[0].text, "ん");
 }
 
 TEST(MidiReaderPlacement, OrphanLyricsGoWhereOnsetsMeetThemBest) {
@@ -89,21 +86,21 @@ TEST(MidiReaderPlacement, OrphanLyricsGoWhereOnsetsMeetThemBest) {
   ASSERT_EQ(d.tracks.size(), 2u);
   EXPECT_EQ(lyricsOf(d.tracks[1]), "ゆ き ");
   EXPECT_EQ(lyricsOf(d.tracks[0]), "_ _ ");
-  ASSERT_NE(findNotice(d, "midiLyricsTrackChosen"), nullptr);
-  EXPECT_EQ(findNotice(d, "midiLyricsTrackChosen")->trackIndex, 1);
+  ASSERT_NE(noticeOf(d, "midiLyricsTrackChosen"), nullptr);
+  EXPECT_EQ(noticeOf(d, "midiLyricsTrackChosen")->trackIndex, 1);
 
   // When a track sings its own lyrics, the orphans are left out.
   TrackBytes own;
   own.sung(0, 60, 480, "あ");
   const MusicDocument e = MIDIFileParser::parseBytes(test::midiFile({conductor, own}));
-  EXPECT_NE(findNotice(e, "midiOrphanLyricsIgnored"), nullptr);
+  EXPECT_NE(noticeOf(e, "midiOrphanLyricsIgnored"), nullptr);
   // And with no onset near them they are dropped.
   TrackBytes early;
   early.on(0, 60).off(100, 60);
   TrackBytes late;
   late.lyric(5000, "お");
   const MusicDocument f = MIDIFileParser::parseBytes(test::midiFile({late, early}));
-  EXPECT_NE(findNotice(f, "midiOrphanLyricsDropped"), nullptr);
+  EXPECT_NE(noticeOf(f, "midiOrphanLyricsDropped"), nullptr);
 }
 
 TEST(MidiReaderPlacement, ChordWithOneLyricStaysTogether) {
@@ -148,10 +145,10 @@ TEST(MidiReaderPlacement, SingingChannelIsSplitFromTheOthersOrKeptWhenUndecided)
       .off(0, 55, 1);
   const MusicDocument e = MIDIFileParser::parseBytes(test::midiFile({u}));
   ASSERT_EQ(e.tracks.size(), 1u);
-  ASSERT_NE(findNotice(e, "midiChannelsUndecided"), nullptr);
-  EXPECT_EQ(findNotice(e, "midiChannelsUndecided")->count, 2);
-  ASSERT_NE(findNotice(e, "midiNearOnsetsMerged"), nullptr);
-  EXPECT_EQ(findNotice(e, "midiNearOnsetsMerged")->places[0].text, "20");
+  ASSERT_NE(noticeOf(e, "midiChannelsUndecided"), nullptr);
+  EXPECT_EQ(noticeOf(e, "midiChannelsUndecided")->count, 2);
+  ASSERT_NE(noticeOf(e, "midiNearOnsetsMerged"), nullptr);
+  EXPECT_EQ(noticeOf(e, "midiNearOnsetsMerged")->places[0].text, "20");
   EXPECT_EQ(e.tracks[0].notes[1].tick, 0);
 }
 
@@ -171,9 +168,9 @@ TEST(MidiReaderPlacement, MelismaGapsArpeggiosAndSecondMelodies) {
   ASSERT_GE(d.tracks.size(), 2u);
   EXPECT_EQ(lyricsOf(d.tracks[0]), "あ ー い う え ");
   EXPECT_EQ(d.tracks[0].notes[1].duration, 510);
-  EXPECT_NE(findNotice(d, "midiMelisma"), nullptr);
-  EXPECT_NE(findNotice(d, "midiTinyGapsClosed"), nullptr);
-  ASSERT_NE(findNotice(d, "midiArpeggioMoved"), nullptr);
+  EXPECT_NE(noticeOf(d, "midiMelisma"), nullptr);
+  EXPECT_NE(noticeOf(d, "midiTinyGapsClosed"), nullptr);
+  ASSERT_NE(noticeOf(d, "midiArpeggioMoved"), nullptr);
   EXPECT_TRUE(d.tracks.back().isMuted);
   EXPECT_EQ(d.tracks.back().notes[0].pitch, 71);
 
@@ -183,7 +180,7 @@ TEST(MidiReaderPlacement, MelismaGapsArpeggiosAndSecondMelodies) {
   ASSERT_EQ(e.tracks.size(), 2u);
   EXPECT_EQ(lyricsOf(e.tracks[0]), "か ");
   EXPECT_EQ(lyricsOf(e.tracks[1]), "さ ");
-  EXPECT_NE(findNotice(e, "midiTwoMelodiesSplit"), nullptr);
+  EXPECT_NE(noticeOf(e, "midiTwoMelodiesSplit"), nullptr);
 }
 
 TEST(MidiReaderPlacement, TextEventsAreLyricsOnlyWhenTheyCoverTheNotes) {
@@ -191,14 +188,14 @@ TEST(MidiReaderPlacement, TextEventsAreLyricsOnlyWhenTheyCoverTheNotes) {
   covered.text(0, "た").on(0, 60).off(480, 60).text(0, "け").on(0, 62).off(480, 62);
   const MusicDocument a = MIDIFileParser::parseBytes(test::midiFile({covered}));
   EXPECT_EQ(lyricsOf(a.tracks[0]), "た け ");
-  EXPECT_NE(findNotice(a, "karaokeTextLyrics"), nullptr);
+  EXPECT_NE(noticeOf(a, "karaokeTextLyrics"), nullptr);
 
   TrackBytes heading;
   heading.text(0, "Verse").on(0, 60).off(480, 60);
   for (int i = 0; i < 5; ++i) heading.on(0, 62).off(480, 62);
   const MusicDocument b = MIDIFileParser::parseBytes(test::midiFile({heading}));
   EXPECT_TRUE(b.tracks[0].notes[0].lyric.empty());
-  const ImportNotice* n = findNotice(b, "midiTextNotLyrics");
+  const ImportNotice* n = noticeOf(b, "midiTextNotLyrics");
   ASSERT_NE(n, nullptr);
   EXPECT_EQ(n->places[0].text, "Verse");
 }
@@ -207,7 +204,7 @@ TEST(MidiReaderPlacement, PitchBendAndModulationAreReported) {
   TrackBytes t;
   t.sung(0, 60, 480, "あ").raw(0, {0xE0, 0, 0x50}).raw(0, {0xB0, 1, 64}).sung(0, 62, 480, "い");
   const MusicDocument d = MIDIFileParser::parseBytes(test::midiFile({t}));
-  const ImportNotice* n = findNotice(d, "synthParameters");
+  const ImportNotice* n = noticeOf(d, "synthParameters");
   ASSERT_NE(n, nullptr);
   ASSERT_EQ(n->places.size(), 2u);
   EXPECT_EQ(n->places[0].tick, 480);

@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "interchange/notice_buttons.h"
 #include "melvo/interchange/midi_file_reader.h"
 #include "melvo/interchange/musicxml_exporter.h"
 #include "melvo/interchange/musicxml_parse_error.h"
@@ -17,6 +18,7 @@ namespace melvo {
 namespace {
 
 using Kind = MusicXMLParseError::Kind;
+using test::noticeOf;
 
 // A partwise score around the given parts' measures; each part is (id, measures text).
 std::string score(const std::vector<std::pair<std::string, std::string>>& parts) {
@@ -45,12 +47,6 @@ std::string rest(int duration, const std::string& extra = {}) {
 }
 std::string measure(int n, const std::string& body, const std::string& attrs = {}) {
   return "<measure number=\"" + std::to_string(n) + "\"" + attrs + ">" + body + "</measure>";
-}
-
-const ImportNotice* findNotice(const MusicDocument& d, std::string_view key) {
-  for (const auto& n : d.importNotices)
-    if (std::string_view(n.kind->key) == key) return &n;
-  return nullptr;
 }
 
 std::vector<std::string> lyrics(const MusicTrack& t) {
@@ -119,7 +115,7 @@ TEST(MusicXMLReader, KanaLyricsStayNoteForNoteAndVerseTwoIsReported) {
       MusicXMLParser::parseText(score({{"P1", measure(1, kHead + m1) + measure(2, m2)}}));
   ASSERT_EQ(d.tracks.size(), 1u);
   EXPECT_EQ(lyrics(d.tracks[0]), kana);
-  const ImportNotice* verse = findNotice(d, "secondVerse");
+  const ImportNotice* verse = noticeOf(d, "secondVerse");
   ASSERT_NE(verse, nullptr);
   EXPECT_EQ(verse->count, 8);
   EXPECT_EQ(verse->places[3].text, "に3");
@@ -141,8 +137,8 @@ TEST(MusicXMLReader, ElidedSyllablesShareANoteUntilTheyHoldTooManyPhonemes) {
   const auto& notes = d.tracks[0].notes;
   EXPECT_EQ(notes[1].tick, 480);
   EXPECT_EQ(notes[5].endTick(), 1920);
-  EXPECT_EQ(findNotice(d, "elision")->count, 1);
-  EXPECT_EQ(findNotice(d, "mxSyllablesSplit")->count, 1);
+  EXPECT_EQ(noticeOf(d, "elision")->count, 1);
+  EXPECT_EQ(noticeOf(d, "mxSyllablesSplit")->count, 1);
 }
 
 TEST(MusicXMLReader, APickupShiftsNotesTemposAndNoticesToTheBarLine) {
@@ -160,10 +156,10 @@ TEST(MusicXMLReader, APickupShiftsNotesTemposAndNoticesToTheBarLine) {
   ASSERT_EQ(d.tempoMap.size(), 2u);
   EXPECT_EQ(d.tempoMap[1].tick, 1920);
   EXPECT_EQ(d.timeSignatures.front().tick, 0);
-  const ImportNotice* fermata = findNotice(d, "fermata");
+  const ImportNotice* fermata = noticeOf(d, "fermata");
   ASSERT_NE(fermata, nullptr);
   EXPECT_EQ(fermata->places[0].tick, 1440);
-  EXPECT_EQ(findNotice(d, "meterRebarred"), nullptr);
+  EXPECT_EQ(noticeOf(d, "meterRebarred"), nullptr);
 }
 
 TEST(MusicXMLReader, AccompanimentWhereTheSongRestsGoesToASilentTrack) {
@@ -182,7 +178,7 @@ TEST(MusicXMLReader, AccompanimentWhereTheSongRestsGoesToASilentTrack) {
   EXPECT_TRUE(d.tracks[1].isMuted);
   EXPECT_EQ(d.tracks[1].notes[0].pitch, 48);
   EXPECT_EQ(d.tracks[1].name, "P1 " + trf("%d段目の声部%d", {"2", "5"}));
-  const ImportNotice* moved = findNotice(d, "mxVoiceWithoutLyrics");
+  const ImportNotice* moved = noticeOf(d, "mxVoiceWithoutLyrics");
   ASSERT_NE(moved, nullptr);
   EXPECT_EQ(moved->trackIndex, 1);
 }
@@ -197,15 +193,13 @@ TEST(MusicXMLReader, TwoSungVoicesOnOneStaffBecomeTwoLines) {
   EXPECT_EQ(lyrics(d.tracks[0]), (std::vector<std::string>{"あ", "い"}));
   EXPECT_EQ(lyrics(d.tracks[1]), std::vector<std::string>{"う"});
   EXPECT_FALSE(d.tracks[1].isMuted);
-  EXPECT_NE(findNotice(d, "mxUnsungLyricLine"), nullptr);
+  EXPECT_NE(noticeOf(d, "mxUnsungLyricLine"), nullptr);
 }
 
 TEST(MusicXMLReader, TiesChordsAndMelismas) {
   const std::string tieStart = "<tie type=\"start\"/>";
   const std::string tieStop = "<tie type=\"stop\"/>";
-  const std::string m1 = note("C", 4, 2, tieStart, "か") +
-                         note("C", 4, 2, tieStop) +  // one note of 4 beats
-                         "";
+  const std::string m1 = note("C", 4, 2, tieStart, "か") + note("C", 4, 2, tieStop);  // one note
   const std::string m2 = note("D", 4, 1, tieStart, "き") + rest(1) + note("D", 4, 2, tieStop);
   const std::string m3 = note("E", 4, 2, "<notations><slur type=\"start\"/></notations>", "く") +
                          note("F", 4, 1, "<notations><slur type=\"stop\"/></notations>") +
@@ -218,12 +212,12 @@ TEST(MusicXMLReader, TiesChordsAndMelismas) {
   // Across a rest the tie cannot hold: two notes and a place.
   EXPECT_EQ(notes[1].tick, 1920);
   EXPECT_EQ(notes[2].tick, 2880);
-  EXPECT_EQ(findNotice(d, "mxTieAcrossGap")->places.size(), 1u);
+  EXPECT_EQ(noticeOf(d, "mxTieAcrossGap")->places.size(), 1u);
   // Under the slur the vowel is held; after it, not.
   EXPECT_EQ(notes[4].lyric, "ー");
   EXPECT_EQ(notes[5].lyric, "");
   EXPECT_EQ(notes[6].tick, notes[5].tick);
-  EXPECT_EQ(findNotice(d, "mxSlurMelisma")->count, 1);
+  EXPECT_EQ(noticeOf(d, "mxSlurMelisma")->count, 1);
 }
 
 TEST(MusicXMLReader, TemposOutOfRangeAndMetronomeMarks) {
@@ -246,7 +240,7 @@ TEST(MusicXMLReader, TemposOutOfRangeAndMetronomeMarks) {
   EXPECT_EQ(d.tempoMap[1].tick, 960);
   EXPECT_DOUBLE_EQ(d.tempoMap[1].bpm, 1000);
   EXPECT_DOUBLE_EQ(d.tempoMap[2].bpm, 48);
-  EXPECT_EQ(findNotice(d, "mxTempoOutOfRange")->places.size(), 2u);
+  EXPECT_EQ(noticeOf(d, "mxTempoOutOfRange")->places.size(), 2u);
 }
 
 TEST(MusicXMLReader, PitchTranspositionMicrotonesAndMeters) {
@@ -261,8 +255,8 @@ TEST(MusicXMLReader, PitchTranspositionMicrotonesAndMeters) {
   EXPECT_EQ(d.tracks[0].notes[0].pitch, 74 + 1 - 14);
   EXPECT_EQ(d.timeSignatures.front().numerator, 5);
   EXPECT_EQ(d.timeSignatures.front().denominator, 8);
-  EXPECT_NE(findNotice(d, "additiveMeter"), nullptr);
-  EXPECT_NE(findNotice(d, "microtones"), nullptr);
+  EXPECT_NE(noticeOf(d, "additiveMeter"), nullptr);
+  EXPECT_NE(noticeOf(d, "microtones"), nullptr);
 }
 
 TEST(MusicXMLReader, RefusalsNameTheirPlace) {

@@ -169,7 +169,6 @@ TEST(ScoreDecoder, FractionalDurationsGetTheSmallestScaleThatMakesThemWhole) {
   const std::string half = "<divisions>2</divisions><note><duration>1.5</duration></note>";
   EXPECT_EQ(fractionalUnitScale(half), 10);
   EXPECT_EQ(fractionalUnitScale("<duration>4</duration><words>D.C.</words>"), 1);
-  EXPECT_EQ(fractionalUnitScale("<duration>1</duration>"), 1);
   EXPECT_EQ(fractionalUnitScale("<offset sound=\"no\">-0.25</offset>"), 100);
   EXPECT_EQ(fractionalUnitScale("<sound make-time='0.125'/><duration>2.5</duration>"), 1000);
   EXPECT_EQ(fractionalUnitScale("<duration>0.3333</duration>"), 1000);

@@ -1,7 +1,6 @@
 #include "melvo/synthesis/installation_finder.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <thread>
 
@@ -73,14 +72,6 @@ TEST(InstallationTest, LoaderFailureIsBrokenWithItsText) {
   EXPECT_NE(broken->detail.back(), '\n');
 }
 
-TEST(InstallationTest, AHangingToolIsEndedAtTheTimeoutAndCountsAsRunning) {
-  test::TempDir dir;
-  test::makeFakeEngine(dir.path(), "echo usage: neutrino ...\ntrap '' TERM\nsleep 30");
-  const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(finder::checkExecutable(dir.path(), 0.5), finder::ExecutableCheck(finder::Ok{}));
-  EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
-}
-
 // Live processes running the program at `exe`.
 std::vector<pid_t> processesOf(const fs::path& exe) {
   std::vector<pid_t> out;
@@ -93,19 +84,9 @@ std::vector<pid_t> processesOf(const fs::path& exe) {
   return out;
 }
 
-TEST(InstallationTest, TheStandInsStartFailuresReadAsTheRealEngines) {
-  // The environment reaches the tool, so the shared stand-in can be told to fail on loading.
-  ASSERT_EQ(::setenv("MELVO_STANDIN_MODE", "missing-library", 1), 0);
-  auto check = finder::checkExecutable(test::standInEngine(), 5);
-  ::unsetenv("MELVO_STANDIN_MODE");
-  auto* broken = std::get_if<finder::Broken>(&check);
-  ASSERT_TRUE(broken);
-  EXPECT_TRUE(broken->detail.starts_with(
-      "neutrino: error while loading shared libraries: libonnxruntime.so.1"))
-      << broken->detail;
-
-  // A copy of its own, told by the file beside it to hang and shrug off SIGTERM, so that any
-  // process left running is plainly this one.
+TEST(InstallationTest, AHangingToolIsEndedAtTheTimeoutCountsAsRunningAndLeavesNoProcess) {
+  // A copy of the stand-in of its own, told by the file beside it to hang and shrug off
+  // SIGTERM, so that any process left running is plainly this one.
   test::TempDir dir;
   fs::create_directories(dir / "bin");
   fs::copy_file(test::standInEngine() / "bin" / "neutrino", dir / "bin" / "neutrino");
@@ -120,22 +101,6 @@ TEST(InstallationTest, TheStandInsStartFailuresReadAsTheRealEngines) {
   while (!processesOf(tool).empty() && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(20ms);
   EXPECT_TRUE(processesOf(tool).empty());
-}
-
-TEST(InstallationTest, AMissingOrNonExecutableToolIsMissing) {
-  test::TempDir dir;
-  makeInstallation(dir.path());  // written without the x bit
-  EXPECT_EQ(finder::checkExecutable(dir.path(), 1), finder::ExecutableCheck(finder::Missing{}));
-  auto s = NEUTRINOSetupHelper::status(dir.path());
-  EXPECT_TRUE(s.neutrinoDirOK);
-  EXPECT_FALSE(s.quarantineFound);
-  EXPECT_EQ(s.executablesMissing, (std::vector<std::string>{"neutrino", "musicXMLtoLabel"}));
-  std::vector<std::string> log;
-  EXPECT_TRUE(
-      NEUTRINOSetupHelper::fix(dir.path(), [&](const std::string& l) { log.push_back(l); }));
-  EXPECT_TRUE(NEUTRINOSetupHelper::status(dir.path()).executablesMissing.empty());
-  EXPECT_EQ(log.size(), 2u);
-  EXPECT_FALSE(NEUTRINOSetupHelper::status(dir / "nowhere").neutrinoDirOK);
 }
 
 TEST(DiscoveryTest, WalksThreeLevelsAndNotIntoAFoundInstallation) {

@@ -152,8 +152,8 @@ class EngineRunTest : public ::testing::Test {
     return openDocument(fs::path(MELVO_TEST_DATA_DIR) / "../../examples/sakura.nsproj");
   }
 
-  // Runs synthesize or revocode and waits for the end.
-  bool render(const fs::path& score, bool reRender = false, bool skipF0 = false) {
+  // Starts synthesize or revocode, recording every callback.
+  void start(const fs::path& score, bool reRender = false, bool skipF0 = false) {
     done.reset();
     auto onProgress = [this](double p, const std::string&, std::optional<double>) {
       progress.push_back(p);
@@ -167,6 +167,10 @@ class EngineRunTest : public ::testing::Test {
       engine.revocode(config, out, skipF0, onProgress, onLog, onDone);
     else
       engine.synthesize(config, score, out, onProgress, onLog, onDone);
+  }
+  // The same, waiting for the end.
+  bool render(const fs::path& score, bool reRender = false, bool skipF0 = false) {
+    start(score, reRender, skipF0);
     EXPECT_TRUE(test::pumpUntil(
         loop, [&] { return done.has_value(); }, 120s));
     return done.value_or(false);
@@ -285,9 +289,7 @@ TEST_F(EngineRunTest, ASecondRunIsRefusedAndTheFirstGoesOn) {
                   "mode=slow\ndelay_ms=200\n");
   const fs::path score = writeScore(sakura());
   std::optional<bool> second;
-  engine.synthesize(
-      config, score, out, [](double, const std::string&, std::optional<double>) {},
-      [this](const std::string& l) { log.push_back(l); }, [this](bool ok) { done = ok; });
+  start(score);
   engine.synthesize(
       config, score, out, [](double, const std::string&, std::optional<double>) {},
       [this](const std::string& l) { log.push_back("second: " + l); },
@@ -302,14 +304,7 @@ TEST_F(EngineRunTest, ASecondRunIsRefusedAndTheFirstGoesOn) {
 TEST_F(EngineRunTest, CancelDuringASlowRunStopsEveryProcessOfTheRun) {
   test::writeText(home.path() / "engine" / "model" / "alto" / "stand-in.conf",
                   "mode=slow\ndelay_ms=20000\n");
-  const fs::path score = writeScore(sakura());
-  engine.synthesize(
-      config, score, out, [](double, const std::string&, std::optional<double>) {},
-      [this](const std::string& l) { log.push_back(l); },
-      [this](bool ok) {
-        ++doneCount;
-        done = ok;
-      });
+  start(writeScore(sakura()));
   ASSERT_TRUE(test::pumpUntil(
       loop, [&] { return logHas("[1/4]"); }, 60s));
   const pid_t group = *engine.shell().processId();
