@@ -1,6 +1,7 @@
 #include "melvo/agent/mcp_command_layer.h"
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <map>
 
@@ -22,6 +23,7 @@ using Code = McpError::Code;
 namespace {
 
 using Run = McpJSON (*)(Context&);
+using Write = void (*)(Context&, JsonWriter&);
 
 // ---- Reading ----
 
@@ -41,44 +43,94 @@ std::size_t phonemeLyricCount(Context& c, std::size_t track, const NoteList& not
   return counted.second;
 }
 
-McpJSON summary(Context& c) {
-  const MusicDocument& d = doc(c);
-  McpJSON tempos = McpJSON::array();
-  for (const auto& t : d.tempoMap) tempos.push(McpJSON::Object{{"bpm", t.bpm}, {"tick", t.tick}});
-  McpJSON meters = McpJSON::array();
-  for (const auto& m : d.timeSignatures) {
-    meters.push(McpJSON::Object{
-        {"denominator", m.denominator}, {"numerator", m.numerator}, {"tick", m.tick}});
+// A number as the encoder writes it: JSON has no form for NaN or the infinities.
+void number(JsonWriter& w, double d) {
+  if (std::isfinite(d)) {
+    w.value(d);
+  } else {
+    w.value(nullptr);
   }
-  McpJSON tracks = McpJSON::array();
+}
+
+// What an agent asks most, often in a loop between edits: written straight out as text,
+// without building a tree of values first. Keys go in their sorted order.
+void summary(Context& c, JsonWriter& w) {
+  const MusicDocument& d = doc(c);
   std::size_t phonemeLyrics = 0;
   // Fitted to the song's tracks, so the memo holds no notes of tracks that went.
   c.memo.phonemeLyrics.resize(d.tracks.size());
   for (std::size_t i = 0; i < d.tracks.size(); ++i) {
-    const MusicTrack& t = d.tracks[i];
-    phonemeLyrics += phonemeLyricCount(c, i, t.notes);
-    tracks.push(McpJSON::Object{{"character", t.characterName},
-                                {"index", i},
-                                {"isMuted", t.isMuted},
-                                {"isSolo", t.isSolo},
-                                {"name", t.name},
-                                {"noteCount", t.notes.size()},
-                                {"pan", t.pan},
-                                {"volume", t.volume}});
+    phonemeLyrics += phonemeLyricCount(c, i, d.tracks[i].notes);
   }
-  auto path = c.host.documentPath ? c.host.documentPath() : std::nullopt;
-  // Keys in their sorted order: each goes in at the end without a search.
-  McpJSON::Object r;
-  if (c.host.currentTrack) r.emplace_hint(r.end(), "currentTrack", c.host.currentTrack());
-  r.emplace_hint(r.end(), "dirty", c.host.isDirty ? c.host.isDirty() : false);
-  r.emplace_hint(r.end(), "path", path ? McpJSON(std::move(*path)) : McpJSON());
-  r.emplace_hint(r.end(), "phonemeLyricCount", phonemeLyrics);
-  r.emplace_hint(r.end(), "ppq", d.ppq);
-  r.emplace_hint(r.end(), "tempoMap", std::move(tempos));
-  r.emplace_hint(r.end(), "timeSignatures", std::move(meters));
-  r.emplace_hint(r.end(), "title", d.title);
-  r.emplace_hint(r.end(), "tracks", std::move(tracks));
-  return McpJSON(std::move(r));
+  const auto path = c.host.documentPath ? c.host.documentPath() : std::nullopt;
+  w.beginObject();
+  if (c.host.currentTrack) {
+    w.key("currentTrack");
+    w.value(c.host.currentTrack());
+  }
+  w.key("dirty");
+  w.value(c.host.isDirty ? c.host.isDirty() : false);
+  w.key("path");
+  if (path) {
+    w.value(*path);
+  } else {
+    w.value(nullptr);
+  }
+  w.key("phonemeLyricCount");
+  w.value(static_cast<std::int64_t>(phonemeLyrics));
+  w.key("ppq");
+  w.value(static_cast<std::int64_t>(d.ppq));
+  w.key("tempoMap");
+  w.beginArray();
+  for (const auto& t : d.tempoMap) {
+    w.beginObject();
+    w.key("bpm");
+    number(w, t.bpm);
+    w.key("tick");
+    w.value(static_cast<std::int64_t>(t.tick));
+    w.endObject();
+  }
+  w.endArray();
+  w.key("timeSignatures");
+  w.beginArray();
+  for (const auto& m : d.timeSignatures) {
+    w.beginObject();
+    w.key("denominator");
+    w.value(static_cast<std::int64_t>(m.denominator));
+    w.key("numerator");
+    w.value(static_cast<std::int64_t>(m.numerator));
+    w.key("tick");
+    w.value(static_cast<std::int64_t>(m.tick));
+    w.endObject();
+  }
+  w.endArray();
+  w.key("title");
+  w.value(d.title);
+  w.key("tracks");
+  w.beginArray();
+  for (std::size_t i = 0; i < d.tracks.size(); ++i) {
+    const MusicTrack& t = d.tracks[i];
+    w.beginObject();
+    w.key("character");
+    w.value(t.characterName);
+    w.key("index");
+    w.value(static_cast<std::int64_t>(i));
+    w.key("isMuted");
+    w.value(t.isMuted);
+    w.key("isSolo");
+    w.value(t.isSolo);
+    w.key("name");
+    w.value(t.name);
+    w.key("noteCount");
+    w.value(static_cast<std::int64_t>(t.notes.size()));
+    w.key("pan");
+    number(w, t.pan);
+    w.key("volume");
+    number(w, t.volume);
+    w.endObject();
+  }
+  w.endArray();
+  w.endObject();
 }
 
 McpJSON trackRead(Context& c) {
@@ -336,7 +388,8 @@ bool absolute(const std::string& path) {
   return !path.empty() && path.front() == '/';
 }
 
-McpJSON documentOpen(Context& c) {
+// Answers with the summary of the song it opened.
+void documentOpen(Context& c, JsonWriter& w) {
   const auto path = c.args.optString("path");
   if (!path || !absolute(*path)) refuse(tr("path に、/ で始まる道を渡してください"));
   if (c.host.isSynthesizing && c.host.isSynthesizing()) {
@@ -356,7 +409,7 @@ McpJSON documentOpen(Context& c) {
     refuse(tr("開けませんでした：") + *failure, Code::openFailed);
   }
   if (!c.host.document || !c.host.document()) refuse(tr("開いた曲を読めません"), Code::openFailed);
-  return summary(c);
+  summary(c, w);
 }
 
 McpJSON documentSave(Context& c) {
@@ -511,6 +564,7 @@ struct Entry {
   // The host closure the command cannot do without, and the words when it is absent.
   bool (*hostHas)(const McpHost&);
   const char* unavailable;
+  Write write = nullptr;  // in place of `run`, for a command that writes its result as text
 };
 
 template <auto Member>
@@ -529,19 +583,21 @@ const std::vector<Entry>& table() {
         K::read,
         {},
         "Title, file, dirty flag, ppq, tempo and meter maps, tracks."},
-       summary,
+       nullptr,
        true,
        always,
-       nullptr},
+       nullptr,
+       summary},
       {{"document.open",
         K::change,
         {"path"},
         "Open a file (absolute path) as the song; refused with unsaved changes or during a render.",
         {"path"}},
-       documentOpen,
+       nullptr,
        false,
        hostHas<&McpHost::open>,
-       N_("この口では曲を開けません")},
+       N_("この口では曲を開けません"),
+       documentOpen},
       {{"document.save",
         K::change,
         {"path"},
@@ -866,6 +922,12 @@ McpResponse McpCommandLayer::handle(const McpRequest& request) {
   Args a(args);
   Context c{host_, a, *memo_};
   try {
+    if (it->write) {
+      std::string text;
+      JsonWriter w(text, JsonStyle::Line);
+      it->write(c, w);
+      return McpResponse::successText(request.id, std::move(text));
+    }
     return McpResponse::success(request.id, it->run(c));
   } catch (const ArgError& e) {
     return McpResponse::failure(request.id, e.code, e.message);

@@ -40,6 +40,14 @@ McpResponse McpResponse::success(std::optional<std::string> id, McpJSON result) 
   return r;
 }
 
+McpResponse McpResponse::successText(std::optional<std::string> id, std::string resultText) {
+  McpResponse r;
+  r.id = std::move(id);
+  r.ok = true;
+  r.resultText = std::move(resultText);
+  return r;
+}
+
 McpResponse McpResponse::failure(std::optional<std::string> id, McpError::Code code,
                                  std::string message) {
   McpResponse r;
@@ -130,6 +138,19 @@ std::string encodeLine(const McpJSON& value) {
 std::string encodeResponse(const McpResponse& response) {
   std::string out;
   out.reserve(512);  // most answers fit: no growing copy after copy
+  if (!response.resultText.empty()) {
+    // The keys in their sorted order, as the writer below puts them; a success has no error.
+    out += '{';
+    if (response.id) {
+      out += "\"id\":";
+      appendJsonString(out, *response.id);
+      out += ',';
+    }
+    out += "\"ok\":true,\"result\":";
+    out += response.resultText;
+    out += '}';
+    return out;
+  }
   JsonWriter w(out, JsonStyle::Line);
   w.beginObject();
   if (response.error) {

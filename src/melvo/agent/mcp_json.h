@@ -45,8 +45,11 @@ struct McpResponse {
   bool ok = false;
   std::optional<McpJSON> result;
   std::optional<McpError> error;
+  // A result already written as one line of JSON, in place of `result`.
+  std::string resultText;
 
   static McpResponse success(std::optional<std::string> id, McpJSON result);
+  static McpResponse successText(std::optional<std::string> id, std::string resultText);
   static McpResponse failure(std::optional<std::string> id, McpError::Code code,
                              std::string message);
 };
