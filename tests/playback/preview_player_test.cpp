@@ -224,6 +224,7 @@ TEST_F(ManualRun, AStopBeforeThePostedRestartKeepsItStopped) {
 
 TEST_F(ManualRun, EngineIsBuiltOnceAndTakesTheChosenInstrument) {
   int built = 0;
+  RecordingEngine* engine = nullptr;
   MIDIPreviewPlayer counted(
       loop,
       [&](std::string& why) -> std::unique_ptr<PreviewEngine> {
@@ -231,8 +232,10 @@ TEST_F(ManualRun, EngineIsBuiltOnceAndTakesTheChosenInstrument) {
           why = "no bank";
           return nullptr;
         }
-        return std::make_unique<RecordingEngine>(
+        auto made = std::make_unique<RecordingEngine>(
             played, mutex, [] { return 0.0; }, 1);
+        engine = made.get();
+        return made;
       },
       MIDIPreviewPlayer::Drive::manual);
   std::vector<PreviewInstrument> stored;
@@ -247,7 +250,13 @@ TEST_F(ManualRun, EngineIsBuiltOnceAndTakesTheChosenInstrument) {
   EXPECT_FALSE(counted.play(d, 0));
   counted.stop();
   EXPECT_EQ(built, 2);
-  EXPECT_EQ(stored, std::vector<PreviewInstrument>{PreviewInstrument::flute});
+  // The choice reaches the sampler, made before it was built and after.
+  ASSERT_NE(engine, nullptr);
+  EXPECT_EQ(engine->lastProgram, programNumber(PreviewInstrument::flute));
+  counted.setInstrument(PreviewInstrument::organ);
+  EXPECT_EQ(engine->lastProgram, programNumber(PreviewInstrument::organ));
+  EXPECT_EQ(stored,
+            (std::vector<PreviewInstrument>{PreviewInstrument::flute, PreviewInstrument::organ}));
 }
 
 TEST_F(ManualRun, MetronomeHearsThePlayheadWithTheFirstTempo) {
