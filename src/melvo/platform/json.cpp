@@ -135,21 +135,15 @@ Json fromElement(simdjson::dom::element e) {
 }  // namespace
 
 Json Json::parse(std::string_view text) {
-  simdjson::dom::element root;
-  simdjson::error_code error;
   // A parser's buffers cost more than parsing a short text (an agent's request): short texts
-  // share one parser per thread, which also keeps the padded copy of the text, and its buffers
+  // share one parser per thread, which keeps its padded copy of the text too, and its buffers
   // stay small. Long ones get their own.
   constexpr std::size_t kShared = 65536;
-  if (text.size() <= kShared) {
-    thread_local simdjson::dom::parser shared;
-    error = shared.parse(text.data(), text.size()).get(root);
-    if (error) throw JsonError(simdjson::error_message(error));
-    return fromElement(root);
-  }
-  simdjson::dom::parser parser;
-  simdjson::padded_string padded(text);
-  error = parser.parse(padded).get(root);
+  thread_local simdjson::dom::parser shared;
+  simdjson::dom::parser own;
+  simdjson::dom::parser& parser = text.size() <= kShared ? shared : own;
+  simdjson::dom::element root;
+  const auto error = parser.parse(text.data(), text.size()).get(root);
   if (error) throw JsonError(simdjson::error_message(error));
   return fromElement(root);
 }
